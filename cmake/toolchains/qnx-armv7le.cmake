@@ -1,0 +1,16 @@
+# QNX Neutrino on 32-bit ARM (armv7le), the target. Needs a QNX SDP with
+# QNX_HOST and QNX_TARGET set (source qnxsdp-env.sh) and a libusb-1.0 built for
+# the target under QNX_TARGET. Not exercised on the Debian build machines.
+set(CMAKE_SYSTEM_NAME QNX)
+set(CMAKE_SYSTEM_PROCESSOR armv7)
+set(arch gcc_ntoarmv7le)
+set(CMAKE_C_COMPILER qcc)
+set(CMAKE_C_COMPILER_TARGET ${arch})
+set(CMAKE_CXX_COMPILER q++)
+set(CMAKE_CXX_COMPILER_TARGET ${arch})
+set(CMAKE_SYSROOT $ENV{QNX_TARGET})
+set(CMAKE_FIND_ROOT_PATH $ENV{QNX_TARGET} $ENV{QNX_TARGET}/armle-v7)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)

@@ -1,0 +1,148 @@
+/*
+ * Public interface of the Kesto USB accessory bearer, libkestobearer-USBAAP.so.
+ *
+ * A host loads the shared object, looks up KestoBearerInitialize and from then on
+ * talks to the bearer only through the two tables below. Compiles as C and C++.
+ */
+#ifndef KESTO_BEARER_H
+#define KESTO_BEARER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Result codes returned by the interface slots. */
+enum {
+    KestoBearerErrorNone = 0,             /* success */
+    KestoBearerErrorInvalidParameter = 8, /* command string lacks or contradicts a required field */
+    KestoBearerErrorFailed = 11,          /* any other failure: memory, USB, exception at the boundary */
+    KestoBearerErrorCannotOpenDevice = 17,/* the device named by "bus"/"dev" cannot be opened */
+    KestoBearerErrorBufferTooSmall = 19   /* connectionRead: the pending block is larger than the buffer */
+};
+
+/* Connection status codes passed to setConnectionStatus. */
+enum {
+    KestoConnectionStatusConnecting = 3, /* establishing has begun */
+    KestoConnectionStatusConnected = 4   /* data phase reached; reported once */
+};
+
+/* Bits of the activity mask written by connectionGetActivity. */
+enum {
+    KestoBearerActivityReadable = 1, /* received data waiting; connectionRead delivers it */
+    KestoBearerActivityWritable = 2  /* no write in flight; connectionWrite takes data */
+};
+
+/* Property numbers for bearerGetProperty. */
+enum {
+    KestoBearerPropertyName = 0,        /* the name given to KestoBearerInitialize */
+    KestoBearerPropertyTitle = 1,       /* "Kesto Android Accessory Protocol bearer" */
+    KestoBearerPropertyDescription = 2, /* "Connects to an Android device, acting as an Accessory" */
+    KestoBearerPropertyVersion = 3      /* "2.7.0.2565" */
+};
+
+/* Property numbers for connectionGetProperty; both answer "USB". */
+enum {
+    KestoConnectionPropertyTransport = 2,
+    KestoConnectionPropertyMedium = 3
+};
+
+/* ---- Slots filled by the bearer (KestoBearerInterface), in slot order ---- */
+
+/* Destroys the bearer. Every connection must have been destroyed first. A null bearer does nothing. */
+typedef void (*KestoBearerTerminateFn)(void* bearer);
+/* Creates a connection for the toolkit's connectionContext; writes its handle to *connectionOut
+ * and returns 0, or returns 11 (nothing written). */
+typedef int (*KestoBearerCreateConnectionFn)(void* bearer, void* connectionContext, void** connectionOut);
+/* Returns a copy of a bearer property made with allocString (the toolkit owns it), or null. */
+typedef char* (*KestoBearerGetPropertyFn)(void* bearer, int property);
+/* Starts connecting and returns at once: 0 means under way, anything else failed. Called once. */
+typedef int (*KestoConnectionEstablishFn)(void* connection);
+/* Cancels all USB work and frees the connection. A null connection does nothing. */
+typedef void (*KestoConnectionDestroyFn)(void* connection);
+/* Delivers the oldest received block. *length: in the capacity, out the bytes delivered
+ * (0 when nothing waits; the block's size with result 19 when it does not fit). */
+typedef int (*KestoConnectionReadFn)(void* connection, uint8_t* buffer, uint32_t* length);
+/* Takes the whole buffer, or sets *length to 0 and returns 0 while a write is in flight. */
+typedef int (*KestoConnectionWriteFn)(void* connection, const uint8_t* buffer, uint32_t* length);
+/* Writes the descriptor to wait on for readability; *extra (if given) becomes 0. Returns the pending error. */
+typedef int (*KestoConnectionGetEventHandleFn)(void* connection, int* eventHandle, intptr_t* extra);
+/* Processes USB work and writes the activity bits. Returns the pending error (mask untouched then). */
+typedef int (*KestoConnectionGetActivityFn)(void* connection, uint32_t* activity);
+/* Returns a copy of a connection property made with allocString, or null. */
+typedef char* (*KestoConnectionGetPropertyFn)(void* connection, int property);
+/* Called when a delay requested through setTimer has passed. Returns a result code. */
+typedef int (*KestoConnectionTimerExpiredFn)(void* connection);
+
+typedef struct KestoBearerInterface {
+    KestoBearerTerminateFn bearerTerminate;
+    KestoBearerCreateConnectionFn bearerCreateConnection;
+    KestoBearerGetPropertyFn bearerGetProperty;
+    KestoConnectionEstablishFn connectionEstablish;
+    KestoConnectionDestroyFn connectionDestroy;
+    KestoConnectionReadFn connectionRead;
+    KestoConnectionWriteFn connectionWrite;
+    KestoConnectionGetEventHandleFn connectionGetEventHandle;
+    KestoConnectionGetActivityFn connectionGetActivity;
+    KestoConnectionGetPropertyFn connectionGetProperty;
+    KestoConnectionTimerExpiredFn connectionTimerExpired;
+} KestoBearerInterface;
+
+/* ---- Functions supplied by the toolkit (KestoBearerSupportAPI), in slot order ---- */
+
+/* Returns a writable buffer of size bytes (including the NUL), or null. */
+typedef char* (*KestoAllocStringFn)(void* bearerContext, size_t size);
+/* Releases a string returned by getConnectionParameter. Never given null. */
+typedef void (*KestoFreeStringFn)(void* bearerContext, char* string);
+/* Bearer-level log line: NUL-terminated, no added newline. */
+typedef void (*KestoBearerLogFn)(void* bearerContext, const char* text);
+/* Returns a new string with the command-string field's value, or null when absent. The flag byte
+ * and the result word (which may be null) mean what the toolkit says they mean. */
+typedef char* (*KestoGetConnectionParameterFn)(void* connectionContext, const char* name,
+                                               unsigned char flag, int* result);
+/* Reports a connection status (KestoConnectionStatus...). The result is ignored. */
+typedef int (*KestoSetConnectionStatusFn)(void* connectionContext, int status);
+/* Asks for one connectionTimerExpired after delayMs milliseconds. The result is ignored. */
+typedef int (*KestoSetTimerFn)(void* connectionContext, int delayMs);
+/* Reserved; wrapped but never called by this bearer. */
+typedef int (*KestoReserved6Fn)(void* connectionContext, intptr_t a, intptr_t b, int* result);
+typedef intptr_t (*KestoReserved7Fn)(void* connectionContext, intptr_t a, intptr_t b);
+/* Connection-level log line; may be null, and bearerLog is used instead. */
+typedef void (*KestoConnectionLogFn)(void* connectionContext, const char* text);
+
+typedef struct KestoBearerSupportAPI {
+    KestoAllocStringFn allocString;
+    KestoFreeStringFn freeString;
+    KestoBearerLogFn bearerLog;
+    KestoGetConnectionParameterFn getConnectionParameter;
+    KestoSetConnectionStatusFn setConnectionStatus;
+    KestoSetTimerFn setTimer;
+    KestoReserved6Fn reserved6;
+    KestoReserved7Fn reserved7;
+    KestoConnectionLogFn connectionLog;
+} KestoBearerSupportAPI;
+
+#if defined(__GNUC__)
+#define KESTO_BEARER_EXPORT __attribute__((visibility("default")))
+#else
+#define KESTO_BEARER_EXPORT
+#endif
+
+/* Creates the bearer: copies name, fills interfaceTable as far as interfaceSize bytes reach and
+ * copies supportTable as far as supportSize bytes reach (missing support slots stay null).
+ * Returns the bearer handle, or null when its memory cannot be had. */
+KESTO_BEARER_EXPORT void* KestoBearerInitialize(const char* name, void* bearerContext,
+                                                KestoBearerInterface* interfaceTable, size_t interfaceSize,
+                                                const KestoBearerSupportAPI* supportTable, size_t supportSize);
+
+typedef void* (*KestoBearerInitializeFn)(const char* name, void* bearerContext,
+                                         KestoBearerInterface* interfaceTable, size_t interfaceSize,
+                                         const KestoBearerSupportAPI* supportTable, size_t supportSize);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KESTO_BEARER_H */

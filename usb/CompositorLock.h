@@ -1,0 +1,22 @@
+#pragma once
+
+class FDCompositor;
+
+// Scoped Lock()/Unlock() on a compositor that remembers whether it holds the
+// lock, so the transfer engine can drop it around submissions and observer
+// calls and still unlock exactly once on every exit path.
+class CompositorLock {
+public:
+    explicit CompositorLock(FDCompositor* compositor);
+    ~CompositorLock();
+
+    CompositorLock(const CompositorLock&) = delete;
+    CompositorLock& operator=(const CompositorLock&) = delete;
+
+    void Acquire();
+    void Release();
+
+private:
+    FDCompositor* compositor;
+    bool held;
+};

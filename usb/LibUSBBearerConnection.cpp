@@ -1,0 +1,495 @@
+#include "usb/LibUSBBearerConnection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "usb/CompositorLock.h"
+#include "usb/FDCompositor.h"
+
+namespace {
+
+// Two bulk IN transfers: one can be refilled while the other's data waits.
+constexpr size_t kReadSlotCount = 2;
+// Size of a control transfer's setup packet, which precedes its data.
+constexpr uint32_t kSetupSize = LIBUSB_CONTROL_SETUP_SIZE;
+constexpr uint8_t kDeviceToHost = LIBUSB_ENDPOINT_IN;
+
+} // namespace
+
+LibUSBBearerConnection::LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer)
+    : debugLevel(debugLevel), observer(observer), compositor(nullptr), context(nullptr), device(nullptr),
+      handle(nullptr), readEndpoint(0), writeEndpoint(0), controlInFlight(false), writeInFlight(false) {}
+
+LibUSBBearerConnection::~LibUSBBearerConnection() {
+    Close();
+    if (compositor != nullptr) {
+        compositor->ShutdownHook();
+    }
+    for (TransferSlot& slot : readSlots) {
+        slot.FreeTransfer();
+    }
+    readData.clear();
+    idleReads.clear();
+    pendingReads.clear();
+    readSlots.clear();
+    writeSlot.FreeTransfer();
+    controlSlot.FreeTransfer();
+    if (context != nullptr) {
+        libusb_exit(context);
+        context = nullptr;
+    }
+    // Only now: libusb_exit still reports descriptor removals to the compositor.
+    delete compositor;
+    compositor = nullptr;
+}
+
+int LibUSBBearerConnection::Initialise() {
+    int result = libusb_init(&context);
+    if (result != 0) {
+        Log("Error, could not initialise libusb");
+        context = nullptr;
+        return result;
+    }
+    // libusb_set_option is newer than some target libusb builds.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    libusb_set_debug(context, static_cast<int>(debugLevel));
+#pragma GCC diagnostic pop
+
+    int error = 0;
+    compositor = CreateFDCompositor(this, &error);
+    if (compositor == nullptr) {
+        Log("FD compositor creation failed: %d (%s)", error, std::strerror(errno));
+        return LIBUSB_ERROR_OTHER;
+    }
+    readSlots.resize(kReadSlotCount);
+    for (TransferSlot& slot : readSlots) {
+        if (!slot.AllocTransfer(0)) {
+            Log("Could not allocate transfer for read transfers");
+            return LIBUSB_ERROR_NO_MEM;
+        }
+        if (!slot.ResizeBuffer(kMaxReadSize)) {
+            Log("Error: could not allocate read buffer");
+            return LIBUSB_ERROR_NO_MEM;
+        }
+        idleReads.push_back(&slot);
+    }
+    if (!writeSlot.AllocTransfer(0)) {
+        Log("Could not allocate transfer for write transfers");
+        return LIBUSB_ERROR_NO_MEM;
+    }
+    if (!controlSlot.AllocTransfer(0)) {
+        Log("Could not allocate transfer for control transfers");
+        return LIBUSB_ERROR_NO_MEM;
+    }
+    compositor->AttachToContext();
+    return 0;
+}
+
+int LibUSBBearerConnection::OpenDevice(int busNumber, int deviceAddress) {
+    libusb_device** list = nullptr;
+    ssize_t count = libusb_get_device_list(context, &list);
+    if (count >= 0) {
+        for (ssize_t i = 0; i < count; ++i) {
+            if (libusb_get_bus_number(list[i]) == busNumber &&
+                libusb_get_device_address(list[i]) == deviceAddress) {
+                OpenOne(list[i]);
+                break;
+            }
+        }
+        libusb_free_device_list(list, 1);
+    }
+    if (device == nullptr) {
+        Log("Error: Could not open device on bus %d at address %d", busNumber, deviceAddress);
+        return LIBUSB_ERROR_NOT_FOUND;
+    }
+    return 0;
+}
+
+int LibUSBBearerConnection::OpenDevice(libusb_device* candidate) { return OpenOne(candidate); }
+
+int LibUSBBearerConnection::OpenOne(libusb_device* candidate) {
+    libusb_device_handle* opened = nullptr;
+    int result = libusb_open(candidate, &opened);
+    if (result != 0) {
+        Log("Error: Couldn't open device with libusb error %d", result);
+        return result;
+    }
+    handle = opened;
+    // The device must outlive the list it came from.
+    device = libusb_ref_device(candidate);
+    return 0;
+}
+
+int LibUSBBearerConnection::ClaimInterface(int interfaceNumber, int altSetting, bool setAltSetting) {
+    int active = libusb_kernel_driver_active(handle, interfaceNumber);
+    if (active == LIBUSB_ERROR_NOT_SUPPORTED) {
+        Log("Warning: Kernel driver status query not supported");
+    } else if (active < 0) {
+        Log("Error: Unable to determine if kernel driver is active: libusb error %d", active);
+        return active;
+    } else if (active == 1) {
+        int detached = libusb_detach_kernel_driver(handle, interfaceNumber);
+        if (detached < 0) {
+            Log("Error: Unable to detatch active kernel driver: libusb error %d", detached);
+            return detached;
+        }
+    }
+    int claimed = libusb_claim_interface(handle, interfaceNumber);
+    if (claimed != 0) {
+        Log("Error: Unable to claim interface %i: libusb error %d", interfaceNumber, claimed);
+        return claimed;
+    }
+    claimedInterfaces.push_back(interfaceNumber);
+    if (setAltSetting) {
+        int set = libusb_set_interface_alt_setting(handle, interfaceNumber, altSetting);
+        if (set != 0) {
+            // The interface stays usable in its current setting.
+            Log("Warning: Unable to set altsetting %i on claimed interface %i: libusb error %d", altSetting,
+                interfaceNumber, set);
+        }
+    }
+    return 0;
+}
+
+int LibUSBBearerConnection::ReleaseInterface(int interfaceNumber) {
+    auto found = std::find(claimedInterfaces.begin(), claimedInterfaces.end(), interfaceNumber);
+    if (found == claimedInterfaces.end()) {
+        return LIBUSB_ERROR_NOT_FOUND;
+    }
+    int result = libusb_release_interface(handle, interfaceNumber);
+    claimedInterfaces.erase(found);
+    return result;
+}
+
+void LibUSBBearerConnection::CancelTransfer(libusb_transfer* transfer, const char* message) {
+    int result = libusb_cancel_transfer(transfer);
+    if (result != 0 && result != LIBUSB_ERROR_NOT_FOUND) {
+        Log("%s", message);
+    }
+}
+
+void LibUSBBearerConnection::Close() {
+    if (device == nullptr) {
+        return;
+    }
+    CompositorLock lock(compositor);
+    for (TransferSlot* slot : pendingReads) {
+        CancelTransfer(slot->transfer, "Error cancelling read transfer");
+    }
+    if (writeInFlight) {
+        CancelTransfer(writeSlot.transfer, "Error cancelling write transfer");
+    }
+    if (controlInFlight) {
+        CancelTransfer(controlSlot.transfer, "Error cancelling control transfer");
+    }
+    // No transfer may be freed or reused while libusb still owns it.
+    while (!pendingReads.empty() || writeInFlight || controlInFlight) {
+        lock.Release();
+        compositor->ProcessEvents();
+        lock.Acquire();
+    }
+    lock.Release();
+    DiscardReadData();
+    for (int32_t claimed : claimedInterfaces) {
+        libusb_release_interface(handle, claimed);
+    }
+    claimedInterfaces.clear();
+    libusb_close(handle);
+    handle = nullptr;
+    libusb_unref_device(device);
+    device = nullptr;
+}
+
+void LibUSBBearerConnection::HandleEvents() {
+    if (compositor == nullptr) {
+        return;
+    }
+    compositor->ProcessEvents();
+    compositor->Rearm();
+}
+
+int LibUSBBearerConnection::GetEventHandle(intptr_t* extraOut) {
+    if (extraOut != nullptr) {
+        *extraOut = 0;
+    }
+    return compositor != nullptr ? compositor->GetEventHandle() : -1;
+}
+
+void LibUSBBearerConnection::Log(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    observer->OnLog(format, args);
+    va_end(args);
+}
+
+int LibUSBBearerConnection::ReportError(int code) { return observer->OnTransportError(code); }
+
+int LibUSBBearerConnection::SubmitTransfer(libusb_transfer* transfer) {
+    // libusb dereferences the handle: with no device open, refuse here instead.
+    int result = handle != nullptr ? libusb_submit_transfer(transfer) : LIBUSB_ERROR_NO_DEVICE;
+    UpdateTimeout();
+    return result;
+}
+
+void LibUSBBearerConnection::UpdateTimeout() {
+    if (compositor == nullptr) {
+        return; // start-up failed; nothing can be pending
+    }
+    if (compositor->ManagesTimeouts()) {
+        compositor->ActivityHook();
+        return;
+    }
+    // Zeroed, because libusb leaves it unset when it fails: a failure then asks
+    // for the shortest timer, so events are looked at again soon.
+    timeval tv = {0, 0};
+    if (libusb_get_next_timeout(context, &tv) == 0) {
+        return;
+    }
+    long long ms = static_cast<long long>(tv.tv_sec) * 1000 + (tv.tv_usec + 999) / 1000;
+    if (ms <= 0) {
+        ms = 1;
+    }
+    observer->OnTimeoutRequested(static_cast<int>(std::min<long long>(ms, INT_MAX)));
+}
+
+int LibUSBBearerConnection::SetEndpoints(uint8_t inEndpoint, uint8_t outEndpoint) {
+    readEndpoint = inEndpoint;
+    writeEndpoint = outEndpoint;
+    libusb_clear_halt(handle, inEndpoint);
+    libusb_clear_halt(handle, outEndpoint);
+    int packet = libusb_get_max_packet_size(device, inEndpoint);
+    if (packet <= 0) {
+        int code = packet == 0 ? LIBUSB_ERROR_OTHER : packet;
+        Log("Error: couldn't determine maximum packet size for device endpoint 0x%.2x: libusb error %i",
+            inEndpoint, code);
+        return code;
+    }
+    // Whole packets only, so a read never ends in the middle of one.
+    uint32_t size = kMaxReadSize / static_cast<uint32_t>(packet) * static_cast<uint32_t>(packet);
+    if (size == 0) {
+        size = static_cast<uint32_t>(packet); // a packet larger than a whole read: read one packet
+    }
+    for (TransferSlot& slot : readSlots) {
+        if (!slot.ResizeBuffer(size)) {
+            Log("Could not allocate buffer for read");
+            return LIBUSB_ERROR_NO_MEM;
+        }
+    }
+    return 0;
+}
+
+int LibUSBBearerConnection::SubmitControlTransfer(uint8_t requestType, uint8_t request, uint16_t value,
+                                                  uint16_t index, uint16_t length, const uint8_t* data,
+                                                  uint32_t timeoutMs) {
+    CompositorLock lock(compositor);
+    if (controlInFlight) {
+        return LIBUSB_ERROR_BUSY;
+    }
+    if (length + kSetupSize > controlSlot.size && !controlSlot.ResizeBuffer(length + kSetupSize)) {
+        Log("Could not allocate buffer for control transfer");
+        return LIBUSB_ERROR_NO_MEM;
+    }
+    libusb_fill_control_setup(controlSlot.buffer, requestType, request, value, index, length);
+    if ((requestType & kDeviceToHost) == 0 && length != 0) {
+        std::memcpy(controlSlot.buffer + kSetupSize, data, length);
+    }
+    libusb_fill_control_transfer(controlSlot.transfer, handle, controlSlot.buffer, ControlTransferCallback, this,
+                                 timeoutMs);
+    controlInFlight = true;
+    lock.Release();
+    int result = SubmitTransfer(controlSlot.transfer);
+    lock.Acquire();
+    if (result != 0) {
+        Log("Failed to submit libusb transfer for control transfer: libusb error %i", result);
+        controlInFlight = false;
+    }
+    return result;
+}
+
+void LIBUSB_CALL LibUSBBearerConnection::ControlTransferCallback(libusb_transfer* transfer) {
+    static_cast<LibUSBBearerConnection*>(transfer->user_data)->OnControlTransfer(transfer);
+}
+
+void LibUSBBearerConnection::OnControlTransfer(libusb_transfer* transfer) {
+    CompositorLock lock(compositor);
+    compositor->ActivityHook();
+    // Cleared first, so the observer can submit the next request from its handler.
+    controlInFlight = false;
+    int status = transfer->status;
+    uint32_t received = static_cast<uint32_t>(std::max(transfer->actual_length, 0));
+    received = std::min(received, controlSlot.size - kSetupSize);
+    // A private copy: the observer may reuse the control buffer before it is done.
+    std::unique_ptr<uint8_t[]> copy(new (std::nothrow) uint8_t[received + kSetupSize]);
+    if (copy == nullptr) {
+        Log("Unable to allocate memory for user-side control buffer");
+        lock.Release();
+        observer->OnControlComplete(LIBUSB_TRANSFER_ERROR, nullptr, nullptr, 0);
+        return;
+    }
+    std::memcpy(copy.get(), controlSlot.buffer, received + kSetupSize);
+    lock.Release();
+    if (received != 0 && (copy[0] & kDeviceToHost) != 0) {
+        observer->OnControlComplete(status, copy.get(), copy.get() + kSetupSize, static_cast<int>(received));
+    } else {
+        observer->OnControlComplete(status, copy.get(), nullptr, 0);
+    }
+}
+
+int LibUSBBearerConnection::SubmitWrite(const uint8_t* data, uint32_t length, uint32_t timeoutMs) {
+    CompositorLock lock(compositor);
+    if (writeInFlight) {
+        return LIBUSB_ERROR_BUSY;
+    }
+    if (writeSlot.size < length && !writeSlot.ResizeBuffer(length)) {
+        Log("Could not allocate buffer for write");
+        return LIBUSB_ERROR_NO_MEM;
+    }
+    if (length != 0) {
+        std::memcpy(writeSlot.buffer, data, length);
+    }
+    // A fresh fill also undoes what a previous partial-write retry advanced.
+    libusb_fill_bulk_transfer(writeSlot.transfer, handle, writeEndpoint, writeSlot.buffer, static_cast<int>(length),
+                              WriteTransferCallback, this, timeoutMs);
+    writeInFlight = true;
+    lock.Release();
+    int result = SubmitTransfer(writeSlot.transfer);
+    lock.Acquire();
+    if (result != 0) {
+        Log("Failed to submit libusb transfer for write: libusb error %i", result);
+        writeInFlight = false;
+    }
+    return result;
+}
+
+void LIBUSB_CALL LibUSBBearerConnection::WriteTransferCallback(libusb_transfer* transfer) {
+    static_cast<LibUSBBearerConnection*>(transfer->user_data)->OnWriteTransfer(transfer);
+}
+
+void LibUSBBearerConnection::OnWriteTransfer(libusb_transfer* transfer) {
+    CompositorLock lock(compositor);
+    compositor->ActivityHook();
+    int status = transfer->status;
+    bool sentPart = transfer->actual_length >= 0 && transfer->actual_length < transfer->length;
+    if ((status == LIBUSB_TRANSFER_COMPLETED || status == LIBUSB_TRANSFER_TIMED_OUT) && sentPart) {
+        if (status == LIBUSB_TRANSFER_TIMED_OUT) {
+            Log("Write timeout: %d of %d written", transfer->actual_length, transfer->length);
+            if (transfer->actual_length == 0) {
+                writeInFlight = false;
+                lock.Release();
+                observer->OnWriteComplete(LIBUSB_TRANSFER_TIMED_OUT);
+                return;
+            }
+        }
+        Log("Retrying partial write");
+        transfer->buffer += transfer->actual_length;
+        transfer->length -= transfer->actual_length;
+        lock.Release();
+        int result = SubmitTransfer(transfer);
+        lock.Acquire();
+        if (result == 0) {
+            return; // the observer hears of the write once the remainder is sent
+        }
+        Log("Failed to resubmit transfer: libusb error %i", result);
+        status = LIBUSB_TRANSFER_ERROR;
+    }
+    writeInFlight = false;
+    lock.Release();
+    observer->OnWriteComplete(status);
+}
+
+int LibUSBBearerConnection::SubmitReads(uint32_t timeoutMs, int count) {
+    CompositorLock lock(compositor);
+    int result = 0;
+    while (!idleReads.empty() && result == 0 && count != 0) {
+        TransferSlot* slot = idleReads.front();
+        idleReads.pop_front();
+        slot->completed = false;
+        libusb_fill_bulk_transfer(slot->transfer, handle, readEndpoint, slot->buffer, static_cast<int>(slot->size),
+                                  ReadTransferCallback, this, timeoutMs);
+        pendingReads.push_back(slot);
+        lock.Release();
+        result = SubmitTransfer(slot->transfer);
+        lock.Acquire();
+        if (result == 0) {
+            if (count > 0) {
+                --count;
+            }
+        } else {
+            Log("Failed to submit libusb transfer for read: libusb error %i", result);
+            pendingReads.erase(std::remove(pendingReads.begin(), pendingReads.end(), slot), pendingReads.end());
+            idleReads.push_back(slot);
+        }
+    }
+    return result;
+}
+
+void LIBUSB_CALL LibUSBBearerConnection::ReadTransferCallback(libusb_transfer* transfer) {
+    static_cast<LibUSBBearerConnection*>(transfer->user_data)->OnReadTransfer(transfer);
+}
+
+void LibUSBBearerConnection::OnReadTransfer(libusb_transfer* transfer) {
+    CompositorLock lock(compositor);
+    compositor->ActivityHook();
+    for (TransferSlot* slot : pendingReads) {
+        if (slot->transfer == transfer) {
+            slot->MarkCompleted();
+            break;
+        }
+    }
+    // Retire strictly in submission order, so data queues in the order it was asked for.
+    while (!pendingReads.empty() && pendingReads.front()->TakeCompleted()) {
+        TransferSlot* slot = pendingReads.front();
+        pendingReads.pop_front();
+        int status = slot->transfer->status;
+        uint32_t received = static_cast<uint32_t>(std::max(slot->transfer->actual_length, 0));
+        received = std::min(received, slot->size);
+        if (received > 0) {
+            readData.push_back(ReadChunk{slot, received, 0}); // kept whatever the status
+        } else {
+            idleReads.push_back(slot);
+        }
+        lock.Release();
+        observer->OnReadComplete(status);
+        lock.Acquire();
+    }
+}
+
+uint32_t LibUSBBearerConnection::ReadData(uint8_t* destination, uint32_t maxLength) {
+    CompositorLock lock(compositor);
+    uint32_t copied = 0;
+    while (!readData.empty() && copied < maxLength) {
+        ReadChunk& chunk = readData.front();
+        uint32_t n = std::min(maxLength - copied, chunk.length - chunk.consumed);
+        std::memcpy(destination + copied, chunk.slot->buffer + chunk.consumed, n);
+        copied += n;
+        chunk.consumed += n;
+        if (chunk.consumed == chunk.length) {
+            idleReads.push_back(chunk.slot);
+            readData.pop_front();
+        }
+    }
+    return copied;
+}
+
+uint32_t LibUSBBearerConnection::PeekReadLength() const {
+    return readData.empty() ? 0 : readData.front().length;
+}
+
+void LibUSBBearerConnection::DiscardReadData() {
+    CompositorLock lock(compositor);
+    for (ReadChunk& chunk : readData) {
+        chunk.consumed = chunk.length;
+        idleReads.push_back(chunk.slot);
+    }
+    readData.clear();
+}
+
+bool LibUSBBearerConnection::IsWriteInProgress() {
+    CompositorLock lock(compositor);
+    return writeInFlight;
+}
