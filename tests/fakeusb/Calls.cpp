@@ -1,0 +1,29 @@
+#include "fakeusb/Calls.h"
+
+#include "fakeusb/World.h"
+
+namespace fakeusb {
+
+using namespace detail;
+
+std::vector<std::string> Calls::All() {
+    World& w = TheWorld();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    return w.calls;
+}
+
+std::vector<std::string> Calls::Named(const std::string& function) {
+    std::vector<std::string> named;
+    for (std::string& call : All()) {
+        if (call.compare(0, call.find('('), function) == 0) {
+            named.push_back(std::move(call));
+        }
+    }
+    return named;
+}
+
+int Calls::Count(const std::string& function) {
+    return static_cast<int>(Named(function).size());
+}
+
+} // namespace fakeusb

@@ -1,0 +1,146 @@
+#pragma once
+
+// The state behind the fake libusb functions and the test API, all of it
+// under one mutex. Internal to the double: tests use what FakeUsb.h gathers.
+// The double never calls out (transfer callbacks, responders, hooks,
+// notifiers) while holding the mutex, so those may call back in.
+
+#include <libusb.h>
+#include <sys/time.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fakeusb/DeviceSpec.h"
+#include "fakeusb/Failures.h"
+#include "fakeusb/Transfers.h"
+
+namespace fakeusb::detail {
+
+// One device on the bus, shared by the libusb_device of every context.
+struct PhysicalDevice {
+    int id;
+    DeviceSpec description;
+    bool present;
+    int configuration;
+    int kernelDriverActive;
+};
+
+// How a transfer ends when its completion is delivered.
+struct Outcome {
+    int status = LIBUSB_TRANSFER_COMPLETED;
+    int actualLength = 0;
+    std::vector<uint8_t> data; // copied into the buffer at `offset`
+    int offset = 0;
+};
+
+struct TransferState {
+    enum class Phase { Idle, InFlight, Completing };
+    Phase phase = Phase::Idle;
+    int submissionId = 0;
+    libusb_device_handle* handle = nullptr; // as submitted: the code under test may refill the transfer
+    Outcome outcome;                        // delivered while Completing
+    Outcome cancelled;                      // what a cancellation delivers
+};
+
+// A configuration descriptor with the arrays it points into.
+struct ConfigStorage {
+    libusb_config_descriptor config{};
+    std::vector<libusb_interface> interfaces;
+    std::vector<std::vector<libusb_interface_descriptor>> altSettings;
+    std::vector<std::vector<std::vector<libusb_endpoint_descriptor>>> endpoints;
+};
+
+struct FailureRule {
+    int error;
+    int count;
+    int skip;
+};
+
+struct World {
+    std::mutex mutex;
+
+    std::vector<std::unique_ptr<PhysicalDevice>> physical; // by id - 1
+    std::vector<PhysicalDevice*> bus;                      // present, in list order
+    // libusb objects stay allocated until Reset, so that a stale pointer is
+    // reported as a misuse instead of crashing the test.
+    std::vector<std::unique_ptr<libusb_context>> contexts;
+    std::vector<std::unique_ptr<libusb_device>> devices;
+    std::vector<std::unique_ptr<libusb_device_handle>> handles;
+    std::set<libusb_device**> deviceLists;
+    std::map<const libusb_config_descriptor*, std::unique_ptr<ConfigStorage>> configs;
+    std::map<libusb_transfer*, TransferState> transfers;
+    std::vector<Submission> submissions;
+
+    std::map<Function, FailureRule> failures;
+    std::optional<timeval> nextTimeout;
+    std::function<void(const Submission&)> responder;
+    std::function<void()> handleEventsHook;
+
+    std::vector<std::string> calls;
+    std::vector<std::string> misuses;
+    bool misusesFailTests = true;
+    int pollfdListsHandedOut = 0;
+    int handleEventsCalls = 0;
+
+    // Everything below runs with `mutex` held.
+    void Record(std::string call);
+    void Misuse(const std::string& what);
+    // True (with *error set) when a scripted failure applies to this call.
+    bool Inject(Function function, int* error);
+
+    // Validity checks; each reports a misuse by `function` when it fails.
+    bool LiveContext(const libusb_context* context, const char* function);
+    bool HeldDevice(const libusb_device* device, const char* function);
+    bool OpenHandle(const libusb_device_handle* handle, const char* function);
+    // "bus:address", or "?" for a pointer the double does not know.
+    std::string NameOf(const libusb_device* device) const;
+    std::string NameOf(const libusb_device_handle* handle) const;
+
+    PhysicalDevice* Physical(int id) const;
+    // The context's libusb_device for a physical device, made on first listing.
+    libusb_device* DeviceFor(libusb_context* context, PhysicalDevice* physical);
+    // Marks the transfer completing and queues it on its context, making the
+    // context's poll descriptor readable.
+    void Queue(libusb_transfer* transfer, TransferState& state, Outcome outcome);
+    static void DrainPipe(const libusb_context* context);
+
+    void Clear();
+};
+
+World& TheWorld();
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace fakeusb::detail
+
+// libusb's opaque types, completed by the double.
+struct libusb_context {
+    int readFd = -1;
+    int writeFd = -1;
+    bool live = true;
+    libusb_pollfd_added_cb added = nullptr;
+    libusb_pollfd_removed_cb removed = nullptr;
+    void* notifierData = nullptr;
+    std::vector<libusb_pollfd> extraFds;
+    std::deque<libusb_transfer*> completions;
+    std::map<fakeusb::detail::PhysicalDevice*, libusb_device*> devices;
+};
+
+struct libusb_device {
+    libusb_context* context;
+    fakeusb::detail::PhysicalDevice* physical;
+    int refs = 0;
+};
+
+struct libusb_device_handle {
+    libusb_device* device;
+    bool open = true;
+    std::vector<int> claimed;
+};

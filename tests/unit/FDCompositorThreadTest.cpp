@@ -1,0 +1,194 @@
+// The event thread with real pipes: what makes the toolkit's event handle
+// readable, and what must not.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "usb/FDCompositorThread.h"
+
+namespace {
+
+constexpr int kSettleMs = 50;   // long enough for the thread to have reacted
+constexpr int kWaitMs = 2000;   // a notification that is due arrives well within this
+
+int OpenDescriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) {
+        count++;
+    }
+    closedir(dir);
+    return count;
+}
+
+bool Readable(int fd, int timeoutMs) {
+    pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, timeoutMs) == 1 && (p.revents & POLLIN) != 0;
+}
+
+// Takes the bytes waiting in the (non-blocking) event pipe and counts them.
+int Pending(int fd) {
+    char buffer[16];
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    return n < 0 ? 0 : static_cast<int>(n);
+}
+
+struct Pipe {
+    int fds[2] = {-1, -1};
+    Pipe() { EXPECT_EQ(pipe(fds), 0); }
+    ~Pipe() {
+        close(fds[0]);
+        close(fds[1]);
+    }
+    int ReadEnd() const { return fds[0]; }
+    void MakeReady() const { ASSERT_EQ(write(fds[1], "x", 1), 1); }
+};
+
+class EventThread : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(compositor->Start(), 0); }
+    int Handle() { return compositor->GetEventHandle(); }
+    std::unique_ptr<FDCompositorThread> compositor = std::make_unique<FDCompositorThread>(nullptr);
+    Pipe usb;
+};
+
+TEST_F(EventThread, StaysQuietUntilTheFirstDescriptorIsAdded) {
+    usb.MakeReady();
+    EXPECT_FALSE(Readable(Handle(), kSettleMs));
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    EXPECT_TRUE(Readable(Handle(), kWaitMs));
+}
+
+TEST_F(EventThread, AWakeUpAloneNotifiesNothing) {
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    for (int i = 0; i < 5; ++i) {
+        compositor->Rearm();
+    }
+    EXPECT_FALSE(Readable(Handle(), kSettleMs));
+}
+
+TEST_F(EventThread, NotifiesOnceUntilRearmedThenAtOnceForAStillReadyDescriptor) {
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    usb.MakeReady();
+    ASSERT_TRUE(Readable(Handle(), kWaitMs));
+    usb.MakeReady();
+    usleep(kSettleMs * 1000);
+    EXPECT_EQ(Pending(Handle()), 1);
+
+    compositor->Rearm(); // the toolkit processed events but left the data unread
+    EXPECT_TRUE(Readable(Handle(), kWaitMs));
+}
+
+TEST_F(EventThread, RearmWithNothingPendingLeavesTheHandleQuiet) {
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    usb.MakeReady();
+    ASSERT_TRUE(Readable(Handle(), kWaitMs));
+    char drain[8];
+    ASSERT_GT(read(usb.ReadEnd(), drain, sizeof drain), 0);
+    compositor->Rearm();
+    EXPECT_FALSE(Readable(Handle(), kSettleMs));
+}
+
+TEST_F(EventThread, OneRemovalForgetsADescriptorAddedTwice) {
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    EXPECT_EQ(compositor->RemoveFd(usb.ReadEnd()), 0);
+    EXPECT_EQ(compositor->RemoveFd(12345), 0); // unknown: harmless
+    usb.MakeReady();
+    EXPECT_FALSE(Readable(Handle(), kSettleMs));
+}
+
+TEST_F(EventThread, WatchesExceptionalConditionsWithoutReadOrWriteInterest) {
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    int client = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    int server = accept(listener, nullptr, nullptr);
+
+    compositor->AddFd(server, false, false);
+    ASSERT_EQ(send(client, "!", 1, MSG_OOB), 1); // urgent data is an exceptional condition
+    EXPECT_TRUE(Readable(Handle(), kWaitMs));
+    compositor->RemoveFd(server);
+    for (int fd : {server, client, listener}) close(fd);
+}
+
+TEST_F(EventThread, RefusesADescriptorThatSelectCannotWatch) {
+    errno = 0;
+    EXPECT_NE(compositor->AddFd(FD_SETSIZE, true, false), 0);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_NE(compositor->AddFd(-1, true, false), 0);
+}
+
+extern "C" void IgnoreSignal(int) {}
+
+TEST_F(EventThread, ASignalDuringTheWaitEndsTheLoopForGood) {
+    struct sigaction action = {};
+    action.sa_handler = IgnoreSignal; // no SA_RESTART: select() fails with EINTR
+    struct sigaction previous;
+    sigaction(SIGUSR1, &action, &previous);
+    sigset_t usr1, old;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    // Only the event thread can take the signal now.
+    pthread_sigmask(SIG_BLOCK, &usr1, &old);
+    usleep(kSettleMs * 1000); // let the thread reach its wait
+    kill(getpid(), SIGUSR1);
+    usleep(kSettleMs * 1000);
+
+    compositor->AddFd(usb.ReadEnd(), true, false);
+    usb.MakeReady();
+    EXPECT_FALSE(Readable(Handle(), kSettleMs * 4));
+    compositor.reset(); // the ended thread is still joined cleanly
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(EventThreadLifetime, ManyStartsAndStopsLeaveNoDescriptorBehind) {
+    int before = OpenDescriptors();
+    for (int i = 0; i < 200; ++i) {
+        int error = -1;
+        std::unique_ptr<FDCompositor> compositor(CreateFDCompositor(nullptr, &error));
+        ASSERT_NE(compositor, nullptr);
+        EXPECT_EQ(error, 0);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(EventThreadLifetime, AStartThatFailsPartWayIsDestroyedCleanly) {
+    rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    int before = OpenDescriptors();
+    // Probe for the lowest free descriptors: the first pipe fits, the second cannot.
+    for (rlim_t room : {0, 1, 2, 3}) {
+        int highestFree = dup(0);
+        close(highestFree);
+        rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(highestFree) + room;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        int error = 0;
+        FDCompositor* compositor = CreateFDCompositor(nullptr, &error);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        EXPECT_EQ(compositor, nullptr) << "room for " << room << " descriptors";
+        EXPECT_EQ(error, 1);
+        EXPECT_EQ(OpenDescriptors(), before);
+    }
+}
+
+} // namespace

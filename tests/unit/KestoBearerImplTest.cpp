@@ -1,0 +1,97 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "bearer/KestoBearerImpl.h"
+#include "harness/Toolkit.h"
+
+using testing::ElementsAre;
+
+namespace {
+
+// A text whose every character differs from its neighbours, so a cut in the
+// wrong place shows.
+std::string Text(size_t length) {
+    std::string text;
+    for (size_t i = 0; i < length; ++i) {
+        text += static_cast<char>('a' + i % 26);
+    }
+    return text;
+}
+
+// A bearer whose operations fail by throwing, filled into the toolkit's kind of table.
+class ThrowingBearer : public KestoBearerImpl {
+public:
+    ThrowingBearer(Toolkit& toolkit, KestoBearerInterface* table)
+        : KestoBearerImpl("throwing", toolkit.Context(), table, sizeof *table, &toolkit.Support(),
+                          sizeof(KestoBearerSupportAPI)) {}
+    int CreateConnection(void*, void**) override { throw std::bad_alloc(); }
+    char* GetProperty(int) override { throw std::runtime_error("no such property"); }
+};
+
+class Bearer : public testing::Test {
+protected:
+    static Toolkit::Options Named(const char* name) {
+        Toolkit::Options options{KestoBearerInitialize};
+        options.name = name;
+        return options;
+    }
+
+    Toolkit toolkit{Named("Head unit USB #2")};
+    KestoBearerImpl& bearer = *static_cast<KestoBearerImpl*>(toolkit.Bearer());
+};
+
+TEST_F(Bearer, ToolkitAsksForPropertiesAndGetsFreshCopiesOfKnownOnes) {
+    const std::pair<int, std::optional<std::string>> cases[] = {
+        {KestoBearerPropertyName, "Head unit USB #2"},
+        {KestoBearerPropertyTitle, "Kesto Android Accessory Protocol bearer"},
+        {KestoBearerPropertyDescription, "Connects to an Android device, acting as an Accessory"},
+        {KestoBearerPropertyVersion, "2.7.0.2565"},
+        {4, std::nullopt},
+        {1000, std::nullopt},
+        {-1, std::nullopt},
+        {INT_MIN, std::nullopt}};
+    for (const auto& [property, text] : cases) {
+        EXPECT_EQ(text, toolkit.BearerProperty(property)) << "property " << property;
+    }
+}
+
+TEST_F(Bearer, ToolkitOutOfStringsGetsNoPropertyAndNoComplaint) {
+    toolkit.FailAllocations(true);
+    for (int property = KestoBearerPropertyName; property <= KestoBearerPropertyVersion; ++property) {
+        EXPECT_EQ(std::nullopt, toolkit.BearerProperty(property)) << "property " << property;
+    }
+    EXPECT_TRUE(toolkit.BearerLog().empty());
+}
+
+TEST_F(Bearer, FencesTurnStandardExceptionsIntoALogLineAndAFailure) {
+    KestoBearerInterface table{};
+    ThrowingBearer throwing(toolkit, &table);
+    void* connection = &table;
+    EXPECT_EQ(KestoBearerErrorFailed, table.bearerCreateConnection(&throwing, nullptr, &connection));
+    EXPECT_EQ(&table, connection);
+    EXPECT_EQ(nullptr, table.bearerGetProperty(&throwing, KestoBearerPropertyTitle));
+    EXPECT_THAT(toolkit.BearerLog(),
+                ElementsAre("KestoBearerImpl::CreateConnection caught exception: std::bad_alloc\n",
+                            "KestoBearerImpl::GetProperty caught exception: no such property\n"));
+}
+
+TEST_F(Bearer, LongLogLinesReachTheToolkitCutTo255Characters) {
+    for (size_t length : {254, 255, 256, 300}) {
+        bearer.Log("%s", Text(length).c_str());
+        EXPECT_EQ(Text(length).substr(0, 255), toolkit.BearerLog().back()) << length << " characters";
+    }
+}
+
+TEST_F(Bearer, ToolkitMayTerminateOrDestroyANullHandle) {
+    toolkit.Interface().bearerTerminate(nullptr);
+    toolkit.Interface().connectionDestroy(nullptr);
+    EXPECT_TRUE(toolkit.BearerLog().empty());
+}
+
+} // namespace
