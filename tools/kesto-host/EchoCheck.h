@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+#include "kesto-host/HostLog.h"
+#include "kesto-host/OutgoingBuffer.h"
+#include "kesto-host/StreamClient.h"
+
+// Checks the stream end to end against the phone's echo application: small
+// pings, one at a time, for round-trip times, then a bulk of pseudo-random
+// bytes for throughput. Every byte must come back unchanged and in order. The
+// results go to standard output.
+class EchoCheck : public StreamClient {
+public:
+    static constexpr int kExitMismatch = 3;
+
+    EchoCheck(HostLog& log, uint64_t bulkBytes, int pings);
+
+    void AddPollFds(std::vector<pollfd>&) override {}
+    void Serve(ToolkitSession& session, const std::vector<pollfd>& fds, uint32_t activity) override;
+    Clock::time_point WakeAt() const override;
+    bool Finished() const override { return finished_; }
+    int ExitCode() const override { return exitCode_; }
+
+private:
+    bool Receive(ToolkitSession& session);
+    bool Verify(const uint8_t* data, size_t size);
+    void NoteReturned(Clock::time_point now);
+    void Refill();
+    bool Send(ToolkitSession& session);
+    void WatchProgress(Clock::time_point now);
+    void Report() const;
+    void Finish(int exitCode);
+    uint64_t Total() const { return pingBytes_ + bulkBytes_; }
+
+    HostLog& log_;
+    const uint64_t bulkBytes_;
+    const int pings_;
+    const uint64_t pingBytes_;
+    OutgoingBuffer toPhone_;
+    std::vector<uint8_t> readBuffer_;
+    bool started_ = false;
+    bool phoneMayHaveData_ = true;
+    uint64_t generated_ = 0;
+    uint64_t sent_ = 0;
+    uint64_t returned_ = 0;
+    int pingsDone_ = 0;
+    bool pingInFlight_ = false;
+    Clock::time_point pingSentAt_;
+    std::vector<double> roundTripsMs_;
+    bool bulkStarted_ = false;
+    Clock::time_point bulkStartedAt_;
+    Clock::time_point bulkEndedAt_;
+    Clock::time_point lastProgress_;
+    Clock::time_point nextProgressLine_;
+    uint64_t returnedAtLastLine_ = 0;
+    bool finished_ = false;
+    int exitCode_ = 0;
+};

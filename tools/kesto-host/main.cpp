@@ -1,0 +1,122 @@
+// kesto-host: loads the accessory bearer plug-in and drives one connection to a
+// phone the way a remote-display toolkit does.
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+#include "kesto-host/Bridge.h"
+#include "kesto-host/DeviceLister.h"
+#include "kesto-host/EchoCheck.h"
+#include "kesto-host/EventLoop.h"
+#include "kesto-host/Options.h"
+#include "kesto-host/PluginLoader.h"
+#include "kesto-host/StringLedger.h"
+#include "kesto-host/ToolkitSession.h"
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+int RunList(const Options& options, HostLog& log) {
+    std::vector<DeviceLister::Device> devices;
+    std::string error;
+    if (!DeviceLister::Enumerate(devices, error)) {
+        log.Error("%s", error.c_str());
+        return EventLoop::kExitFailure;
+    }
+    DeviceLister::Print(devices, options.listAll, stdout);
+    return 0;
+}
+
+// Sets "bus" and "dev": as given, or those of the phone found on the bus.
+bool PickDevice(const Options& options, HostLog& log, CommandFields& fields) {
+    int bus = options.bus;
+    int address = options.address;
+    if (bus == 0) {
+        std::vector<DeviceLister::Device> devices;
+        DeviceLister::Device chosen;
+        std::string error;
+        if (!DeviceLister::Enumerate(devices, error) || !DeviceLister::Choose(devices, options.serial, chosen, error)) {
+            log.Error("%s", error.c_str());
+            return false;
+        }
+        log.Note("phone at %s", DeviceLister::Describe(chosen).c_str());
+        bus = chosen.bus;
+        address = chosen.address;
+    }
+    fields["bus"] = std::to_string(bus);
+    fields["dev"] = std::to_string(address);
+    return true;
+}
+
+std::chrono::milliseconds Milliseconds(double seconds) {
+    return std::chrono::milliseconds(std::llround(seconds * 1000));
+}
+
+std::unique_ptr<StreamClient> MakeClient(const Options& options, HostLog& log) {
+    if (options.mode == Options::Mode::Echo) {
+        return std::make_unique<EchoCheck>(log, options.echoBytes, options.pings);
+    }
+    return std::make_unique<Bridge>(log, Milliseconds(options.lingerSeconds));
+}
+
+// A run that worked still fails when the plug-in kept or mishandled strings.
+int CheckLedger(const StringLedger& ledger, HostLog& log, int exitCode) {
+    log.Trace("getConnectionParameter strings: %zu lent, %zu handed back", ledger.Lent(), ledger.HandedBack());
+    if (ledger.Outstanding() > 0) {
+        log.Error("the plug-in kept %zu of the %zu strings that getConnectionParameter lent it", ledger.Outstanding(),
+                  ledger.Lent());
+    }
+    if (ledger.BadHandBacks() > 0) {
+        log.Error("freeString was called %zu times with a string not on loan", ledger.BadHandBacks());
+    }
+    if (ledger.BuffersNotReleased() > 0) {
+        log.Error("%zu allocString buffers never came back as property texts", ledger.BuffersNotReleased());
+    }
+    return exitCode == 0 && !ledger.Balanced() ? EventLoop::kExitFailure : exitCode;
+}
+
+int Connect(const Options& options, HostLog& log, KestoBearerInitializeFn initialize, CommandFields fields) {
+    StringLedger ledger;
+    int exitCode = EventLoop::kExitFailure;
+    {
+        ToolkitSession session(initialize, std::move(fields), log, ledger);
+        std::unique_ptr<StreamClient> client = MakeClient(options, log);
+        if (session.Start()) {
+            exitCode = EventLoop(session, *client, log, Milliseconds(options.timeoutSeconds)).Run();
+        }
+        // A failed establish still leaves a connection to destroy.
+        session.Close();
+        if (exitCode == 0 && session.ContractViolations() > 0) {
+            exitCode = EventLoop::kExitFailure;
+        }
+    }
+    return CheckLedger(ledger, log, exitCode);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string error;
+    if (!Options::Parse(argc, argv, options, error)) {
+        std::fprintf(stderr, "kesto-host: %s\nTry 'kesto-host --help'.\n", error.c_str());
+        return kExitUsage;
+    }
+    if (options.help) {
+        std::fputs(Options::HelpText(), stdout);
+        return 0;
+    }
+    HostLog log(options.verbosity);
+    if (options.mode == Options::Mode::List) {
+        return RunList(options, log);
+    }
+    EventLoop::PrepareSignals();
+    PluginLoader plugin;
+    CommandFields fields = options.fields;
+    if (!plugin.Load(options.pluginPath, log) || !PickDevice(options, log, fields)) {
+        return EventLoop::kExitFailure;
+    }
+    return Connect(options, log, plugin.Initialize(), std::move(fields));
+}
