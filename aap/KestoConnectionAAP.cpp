@@ -403,6 +403,9 @@ int KestoConnectionAAP::TimerExpired() {
     }
     SearchStep();
     rediscoveryAttempts++;
+    if (state == kStateFailed) {
+        return error; // the pump would clear it, and nothing else would report it
+    }
     return PumpEvents();
 }
 
@@ -419,6 +422,7 @@ void KestoConnectionAAP::SearchStep() {
     if (result != 0) {
         Log("Failed to rediscover device");
         error = result;
+        RequestRediscoveryTimer(); // no transfer is in flight to wake the toolkit otherwise
         return;
     }
     if (transport->GetDevice() == nullptr) {

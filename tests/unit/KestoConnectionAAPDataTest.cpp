@@ -1,0 +1,201 @@
+#include <functional>
+
+#include "KestoConnectionAAPFixture.h"
+
+namespace aap {
+namespace {
+
+using fakeusb::Failures;
+using fakeusb::Function;
+using testing::HasSubstr;
+using testing::Not;
+
+std::vector<unsigned> ReadTimeouts() {
+    std::vector<unsigned> timeouts;
+    for (const Submission& s : Submitted(kIn)) {
+        timeouts.push_back(s.timeout);
+    }
+    return timeouts;
+}
+
+TEST_F(AccessoryConnection, HandshakeIsAnsweredAndConnectedIsReportedOnce) {
+    ToolkitConnection& connection = Connected();
+    const std::vector<Submission> writes = Submitted(kOut);
+    ASSERT_EQ(1u, writes.size());
+    EXPECT_EQ(kHostHandshake, writes[0].data);
+    EXPECT_EQ(0u, writes[0].timeout);
+    EXPECT_THAT(ReadTimeouts(), ElementsAre(3000u, 60000u, 60000u));
+    PhoneSends(Text("more"));
+    EXPECT_EQ(Text("more"), toolkit.Read(connection, 64).bytes);
+    EXPECT_THAT(connection.Statuses(), ElementsAre(3, 4));
+}
+
+// The phone's first application bytes ride in the handshake's transfer: the
+// first Read yields exactly them, with their length. A buffer too small takes
+// nothing and is told the chunk's whole size, which only over-asks.
+TEST_F(AccessoryConnection, ApplicationBytesBehindTheHandshakeAreTheFirstRead) {
+    ToolkitConnection& connection = Connected(Join(kDeviceHandshake, Text("hello")));
+    EXPECT_EQ(KestoBearerActivityReadable | KestoBearerActivityWritable, connection.Activity());
+    const Toolkit::Transfer small = toolkit.Read(connection, 4);
+    EXPECT_EQ(KestoBearerErrorBufferTooSmall, small.result);
+    EXPECT_EQ(14u, small.length);
+    const Toolkit::Transfer first = toolkit.Read(connection, 64);
+    EXPECT_EQ(KestoBearerErrorNone, first.result);
+    EXPECT_EQ(5u, first.length);
+    EXPECT_EQ(Text("hello"), first.bytes);
+    PhoneSends(Text("world, again"));
+    EXPECT_EQ(Text("world, again"), toolkit.Read(connection, 64).bytes);
+    EXPECT_EQ(0u, toolkit.Read(connection, 64).length);
+}
+
+// The phone's first attempts are wrong; what follows a wrong handshake in the
+// same transfer is dropped, and the right handshake is then accepted.
+TEST_F(AccessoryConnection, WrongHandshakeIsLoggedAndReadAgain) {
+    const std::pair<Bytes, std::string> attempts[] = {
+        {{0x44, 0x45, 0x56}, " 0x44 0x45 0x56"},
+        {Join(kHostHandshake, Text("junk")), " 0xff 0xff 0x00 0x00 0x0a 0x0a 0x48 0x4f 0x53"},
+    };
+    phone = fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 5, kSerial));
+    ToolkitConnection& connection = Establish();
+    for (const auto& [bytes, dump] : attempts) {
+        PhoneSends(bytes);
+        EXPECT_EQ("Device handshake wasn't as expected:" + dump, connection.Log().back());
+        EXPECT_TRUE(Transfers::OldestInFlight(kIn));
+    }
+    EXPECT_THAT(ReadTimeouts(), ElementsAre(3000u, 3000u, 3000u));
+    EXPECT_TRUE(Submitted(kOut).empty());
+    PhoneSends(kDeviceHandshake);
+    ASSERT_TRUE(Transfers::CompleteOldest(kOut));
+    Settle();
+    EXPECT_THAT(connection.Statuses(), ElementsAre(3, 4));
+    EXPECT_EQ(0u, toolkit.Read(connection, 64).length);
+}
+
+TEST_F(AccessoryConnection, SilentPhoneIsClaimedAgainAndListenedToAgain) {
+    phone = fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 5, kSerial));
+    ToolkitConnection& connection = Establish();
+    for (int timeout = 0; timeout < 2; ++timeout) {
+        PhoneSends({}, LIBUSB_TRANSFER_TIMED_OUT);
+    }
+    EXPECT_THAT(fakeusb::Calls::Named("libusb_release_interface"),
+                ElementsAre("libusb_release_interface(1:5, 0)", "libusb_release_interface(1:5, 0)"));
+    EXPECT_EQ(3, CallCount("libusb_claim_interface(1:5, 0)"));
+    EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(phone), ElementsAre(0));
+    EXPECT_THAT(ReadTimeouts(), ElementsAre(3000u, 3000u, 3000u));
+    EXPECT_EQ(0, connection.Failure());
+    EXPECT_THAT(connection.Log(),
+                ElementsAre("Device already in accessory mode.", "Kesto server may need to be started manually."));
+}
+
+// A failed write still completes the handshake; its error follows.
+TEST_F(AccessoryConnection, HandshakeWriteThatFailsFailsTheConnection) {
+    for (const bool refused : {true, false}) {
+        if (refused) {
+            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, 1, 1);
+        }
+        ToolkitConnection& connection = AtHandshake(kDeviceHandshake);
+        if (!refused) {
+            Transfers::CompleteOldest(kOut, LIBUSB_TRANSFER_STALL);
+        }
+        RunUntilFailed(connection);
+        EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
+        EXPECT_EQ(refused ? "Failed to submit handshake write, -1" : "Write failed with status: 4",
+                  connection.Log().back());
+        EXPECT_EQ(refused ? 1u : 2u, connection.Statuses().size());
+        NextStory(connection);
+    }
+}
+
+TEST_F(AccessoryConnection, SecondWriteWaitsForTheFirst) {
+    ToolkitConnection& connection = Connected();
+    const Toolkit::Transfer first = toolkit.Write(connection, Text("first"));
+    EXPECT_EQ(KestoBearerErrorNone, first.result);
+    EXPECT_EQ(5u, first.length);
+    const Toolkit::Transfer second = toolkit.Write(connection, Text("second"));
+    EXPECT_EQ(KestoBearerErrorNone, second.result);
+    EXPECT_EQ(0u, second.length);
+    uint32_t activity = 0;
+    EXPECT_EQ(0, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+    EXPECT_EQ(0u, activity & KestoBearerActivityWritable);
+    ASSERT_TRUE(Transfers::CompleteOldest(kOut));
+    Settle();
+    EXPECT_EQ(unsigned(KestoBearerActivityWritable), connection.Activity());
+    EXPECT_EQ(Text("first"), Submitted(kOut).back().data);
+}
+
+TEST_F(AccessoryConnection, StoredErrorIsReturnedWithoutTouchingTheFlags) {
+    ToolkitConnection& connection = Connected();
+    PhoneSends(Text("lost"), LIBUSB_TRANSFER_ERROR);
+    EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
+    EXPECT_EQ("Error in read completion status 1", connection.Log().back());
+    uint32_t activity = 0xA5A5;
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+    EXPECT_EQ(0xA5A5u, activity);
+    int handle = -1;
+    EXPECT_EQ(KestoBearerErrorFailed,
+              toolkit.Interface().connectionGetEventHandle(connection.Handle(), &handle, nullptr));
+    EXPECT_NE(-1, handle);
+}
+
+TEST_F(AccessoryConnection, TransportAndMediumAreUsb) {
+    ToolkitConnection& connection = toolkit.CreateConnection();
+    EXPECT_EQ("USB", toolkit.ConnectionProperty(connection, KestoConnectionPropertyTransport));
+    EXPECT_EQ("USB", toolkit.ConnectionProperty(connection, KestoConnectionPropertyMedium));
+    for (int property : {0, 1, 4, -1}) {
+        EXPECT_EQ(std::nullopt, toolkit.ConnectionProperty(connection, property)) << property;
+    }
+}
+
+TEST_F(AccessoryConnection, PhoneUnpluggedMidTransferEndsInAnError) {
+    ToolkitConnection& connection = Connected();
+    ASSERT_EQ(KestoBearerErrorNone, toolkit.Write(connection, Bytes(4096, 0x5A)).result);
+    fakeusb::Bus::Unplug(phone);
+    RunUntilFailed(connection);
+    EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
+    EXPECT_THAT(connection.Log(), Contains("Error in read completion status 5"));
+    EXPECT_THAT(connection.Log(), Contains("Write failed with status: 5"));
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit.Write(connection, Text("again")).result);
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit.Read(connection, 64).result);
+    EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
+}
+
+// Most stories end with the connection destroyed where they leave it; these
+// stages are where destruction has the most to undo.
+TEST_F(AccessoryConnection, DestructionAtAnyStageLeavesNothingBehind) {
+    using Stage = std::function<ToolkitConnection&()>;
+    const Stage stages[] = {
+        [&]() -> ToolkitConnection& { // version query in flight
+            PlugPhone(PhoneScript{{2, 0}, {}, false});
+            return Establish();
+        },
+        [&]() -> ToolkitConnection& { // searching for a phone that never comes back
+            PlugPhone(PhoneScript{{2, 0}, {}, true, {}});
+            ToolkitConnection& searching = Establish();
+            toolkit.RunUntil([&] { return searching.TimerExpiries() >= 3; });
+            return searching;
+        },
+        [&]() -> ToolkitConnection& { return AtHandshake(kDeviceHandshake); }, // host handshake in flight
+        [&]() -> ToolkitConnection& { // reads and a write in flight, data unread
+            ToolkitConnection& streaming = Connected();
+            PhoneSends(Text("unread"));
+            toolkit.Write(streaming, Text("unsent"));
+            return streaming;
+        },
+        [&]() -> ToolkitConnection& { // phone gone
+            ToolkitConnection& failed = Connected();
+            fakeusb::Bus::Unplug(phone);
+            RunUntilFailed(failed);
+            return failed;
+        },
+    };
+    for (const Stage& reach : stages) {
+        ToolkitConnection& connection = reach();
+        toolkit.Destroy(connection);
+        EXPECT_THAT(connection.Log(), Not(Contains(HasSubstr("not expected"))));
+        EXPECT_THAT(connection.Log(), Not(Contains("Closing so not starting new read")));
+        NextStory(connection);
+    }
+}
+
+} // namespace
+} // namespace aap

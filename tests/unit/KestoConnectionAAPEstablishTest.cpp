@@ -1,0 +1,119 @@
+#include <climits>
+#include <functional>
+
+#include "KestoConnectionAAPFixture.h"
+#include "support/AllocationFailures.h"
+
+namespace aap {
+namespace {
+
+using fakeusb::Failures;
+using fakeusb::Function;
+using Lookup = ToolkitConnection::Lookup;
+
+const char kAltWithoutInterface[] = "Error: altsetting present but interface field missing from command string.";
+
+// Every establishment field is asked for with flag 0 and no result word.
+MATCHER(PlainLookup, "") { return arg.flag == 0 && !arg.resultWordGiven; }
+
+TEST_F(AccessoryConnection, CommandStringWithoutBusOrDevIsRefusedBeforeAnythingStarts) {
+    for (const Fields& fields : {Fields{{"bus", "1"}}, Fields{{"dev", "5"}}, Fields{}}) {
+        ToolkitConnection& connection = toolkit.CreateConnection(fields);
+        EXPECT_EQ(KestoBearerErrorInvalidParameter, toolkit.Establish(connection));
+        EXPECT_THAT(connection.Log(), ElementsAre("Error: missing bus or dev fields from command string."));
+        EXPECT_THAT(connection.Lookups(), ElementsAre(Lookup{"bus", 0, false, fields.count("bus") == 1},
+                                                      Lookup{"dev", 0, false, fields.count("dev") == 1}));
+        EXPECT_TRUE(connection.Statuses().empty());
+    }
+    EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
+}
+
+TEST_F(AccessoryConnection, AltsettingNeedsAnInterfaceOtherThanMinusOne) {
+    ToolkitConnection& noInterface = Establish({{"altsetting", "2"}}, KestoBearerErrorInvalidParameter);
+    EXPECT_THAT(noInterface.Log(), ElementsAre("Using USB alternate setting number 2", kAltWithoutInterface));
+    ToolkitConnection& minusOne =
+        Establish({{"interface", "-1"}, {"altsetting", "0"}}, KestoBearerErrorInvalidParameter);
+    EXPECT_THAT(minusOne.Log(), ElementsAre("Using USB interface number -1", "Using USB alternate setting number 0",
+                                            kAltWithoutInterface));
+    EXPECT_EQ(4u, minusOne.Lookups().size());
+    EXPECT_THAT(minusOne.Lookups(), testing::Each(PlainLookup()));
+    EXPECT_TRUE(minusOne.Statuses().empty());
+    EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
+}
+
+// Each text goes into "bus", "dev" and "interface"; no phone sits anywhere.
+TEST_F(AccessoryConnection, NumericFieldsAreReadAsLeadingDecimalNumbers) {
+    const std::pair<const char*, int> texts[] = {{"007", 7}, {"12abc", 12}, {" 4", 4},  {"0x1f", 0},
+                                                 {"+5", 5},  {"-3", -3},    {"abc", 0}, {"", 0},
+                                                 {"99999999999", INT_MAX},  {"-99999999999", INT_MIN}};
+    for (const auto& [text, value] : texts) {
+        ToolkitConnection& connection =
+            Establish({{"bus", text}, {"dev", text}, {"interface", text}}, KestoBearerErrorCannotOpenDevice);
+        const std::string n = std::to_string(value);
+        EXPECT_THAT(connection.Log(),
+                    ElementsAre("Using USB interface number " + n, "Error: Could not open device on bus " + n +
+                                                                       " at address " + n,
+                                "Error: Could not open android device on bus " + n + " at address " + n +
+                                    " (libusb error -5)"))
+            << '"' << text << '"';
+        EXPECT_THAT(connection.Statuses(), ElementsAre(KestoConnectionStatusConnecting));
+        EXPECT_THAT(connection.Lookups(), testing::Each(PlainLookup()));
+    }
+}
+
+TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
+    struct EarlyFailure {
+        std::function<void()> arrange;
+        int result;
+        std::vector<std::string> log;
+        bool connecting; // reported only once the transport runs
+    };
+    const EarlyFailure failures[] = {
+        {[] { Failures::Fail(Function::Init, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorFailed,
+         {"Error, could not initialise libusb", "Failed to initialise LibUSBBearerConnection: libusb error -3"}, false},
+        {[] { Failures::Fail(Function::AllocTransfer, 0); }, KestoBearerErrorFailed,
+         {"Could not allocate transfer for read transfers",
+          "Failed to initialise LibUSBBearerConnection: libusb error -11"},
+         false},
+        {[] { AllocationFailures::FailAfter(0); }, KestoBearerErrorFailed,
+         {"Out of memory allocating connection instance"}, false},
+        {[] { Failures::Fail(Function::Open, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorCannotOpenDevice,
+         {"Error: Couldn't open device with libusb error -3", "Error: Could not open device on bus 1 at address 5",
+          "Error: Could not open android device on bus 1 at address 5 (libusb error -5)"},
+         true},
+        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO); }, KestoBearerErrorFailed,
+         {"Unable to get device descriptor with error -1"}, true},
+        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO, 1, 1); }, KestoBearerErrorFailed,
+         {"Unable to get device descriptor, error -1"}, true},
+    };
+    for (const EarlyFailure& failure : failures) {
+        fakeusb::Bus::Add(fakeusb::AndroidPhone(1, 5, kSerial));
+        ScopedAllocationFailures allocations;
+        failure.arrange();
+        ToolkitConnection& connection = Establish({}, failure.result);
+        EXPECT_THAT(connection.Log(), ElementsAreArray(failure.log));
+        EXPECT_EQ(failure.connecting, !connection.Statuses().empty());
+        NextStory(connection);
+    }
+}
+
+TEST_F(AccessoryConnection, ConnectionIsEstablishedOnceAndUsedOnlyAfterwards) {
+    const KestoBearerInterface& api = toolkit.Interface();
+    void* never = toolkit.CreateConnection().Handle();
+    uint8_t buffer[8] = {};
+    uint32_t length = sizeof buffer;
+    uint32_t activity = 0;
+    EXPECT_EQ(KestoBearerErrorFailed, api.connectionGetActivity(never, &activity));
+    EXPECT_EQ(KestoBearerErrorFailed, api.connectionRead(never, buffer, &length));
+    EXPECT_EQ(0u, length);
+    EXPECT_EQ(KestoBearerErrorFailed, api.connectionWrite(never, buffer, &length));
+
+    fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 5, kSerial));
+    ToolkitConnection& twice = Establish();
+    EXPECT_EQ(KestoBearerErrorFailed, api.connectionEstablish(twice.Handle()));
+    EXPECT_EQ(1, fakeusb::Calls::Count("libusb_init"));
+    EXPECT_EQ(4u, twice.Lookups().size());
+}
+
+} // namespace
+} // namespace aap
