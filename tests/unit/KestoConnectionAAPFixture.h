@@ -125,8 +125,8 @@ protected:
     }
 
     // A phone at 1:5 that switches to accessory mode as scripted.
-    void PlugPhone(PhoneScript script = {}, fakeusb::DeviceSpec spec = fakeusb::AndroidPhone(1, 5, kSerial)) {
-        phone = fakeusb::Bus::Add(spec);
+    void PlugPhone(PhoneScript script = {}, fakeusb::DeviceSpec described = fakeusb::AndroidPhone(1, 5, kSerial)) {
+        phone = fakeusb::Bus::Add(described);
         Transfers::SetResponder([this, script](const Submission& s) {
             if (!s.IsControl() || !script.answers) {
                 return;

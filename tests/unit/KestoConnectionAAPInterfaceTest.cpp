@@ -62,10 +62,10 @@ TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
     };
     for (const Layout& layout : layouts) {
         SCOPED_TRACE(layout.story);
-        fakeusb::DeviceSpec spec = fakeusb::AccessoryPhone(1, 5, kSerial);
-        spec.interfaces = layout.interfaces;
-        spec.configuration = layout.configuration;
-        const int id = fakeusb::Bus::Add(spec);
+        fakeusb::DeviceSpec described = fakeusb::AccessoryPhone(1, 5, kSerial);
+        described.interfaces = layout.interfaces;
+        described.configuration = layout.configuration;
+        const int id = fakeusb::Bus::Add(described);
         if (layout.failing) {
             Failures::Fail(layout.failing->first, layout.failing->second);
         }

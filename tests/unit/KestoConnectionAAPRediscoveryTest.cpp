@@ -166,9 +166,9 @@ TEST_F(AccessoryConnection, ReturnedPhoneIsChosenBySerialOverAStranger) {
 // Without the serial the phone is taken as the first accessory on the bus,
 // but only from the twenty-second search on: two at once, then ten a second.
 TEST_F(AccessoryConnection, PhoneWithoutReadableSerialIsFoundByFallbackAfterTwoSeconds) {
-    fakeusb::DeviceSpec spec = fakeusb::AndroidPhone(1, 5, kSerial);
-    spec.strings.erase(fakeusb::DeviceSpec::kSerialIndex);
-    PlugPhone({}, spec);
+    fakeusb::DeviceSpec described = fakeusb::AndroidPhone(1, 5, kSerial);
+    described.strings.erase(fakeusb::DeviceSpec::kSerialIndex);
+    PlugPhone({}, described);
     ToolkitConnection& connection = Establish();
     EXPECT_THAT(connection.Log(), Contains("Failed to retrieve serial number for device"));
     const Clock::time_point start = Clock::now();

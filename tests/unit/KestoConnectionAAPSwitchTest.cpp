@@ -43,10 +43,10 @@ TEST_F(AccessoryConnection, OnlyGoogleAccessoryProductsSkipTheSwitch) {
     const std::tuple<uint16_t, uint16_t, bool> ids[] = {
         {0x18D1, 0x2D00, true}, {0x18D1, 0x2D01, true}, {0x18D1, 0x2D02, false}, {0x04E8, 0x2D00, false}};
     for (const auto& [vendor, product, accessory] : ids) {
-        fakeusb::DeviceSpec spec = fakeusb::AccessoryPhone(1, 5, kSerial);
-        spec.descriptor.idVendor = vendor;
-        spec.descriptor.idProduct = product;
-        fakeusb::Bus::Add(spec);
+        fakeusb::DeviceSpec described = fakeusb::AccessoryPhone(1, 5, kSerial);
+        described.descriptor.idVendor = vendor;
+        described.descriptor.idProduct = product;
+        fakeusb::Bus::Add(described);
         ToolkitConnection& connection = Establish();
         const std::vector<Submission> inFlight = Transfers::InFlight();
         ASSERT_EQ(1u, inFlight.size());
