@@ -40,10 +40,8 @@ void HostLog::Note(const char* format, ...) {
     }
     va_list args;
     va_start(args, format);
-    std::string text = Format(format, args);
+    EmitFormatted("", format, args);
     va_end(args);
-    std::lock_guard<std::mutex> lock(mutex_);
-    Emit("", text.c_str());
 }
 
 void HostLog::Trace(const char* format, ...) {
@@ -52,19 +50,21 @@ void HostLog::Trace(const char* format, ...) {
     }
     va_list args;
     va_start(args, format);
-    std::string text = Format(format, args);
+    EmitFormatted("trace: ", format, args);
     va_end(args);
-    std::lock_guard<std::mutex> lock(mutex_);
-    Emit("trace: ", text.c_str());
 }
 
 void HostLog::Error(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    std::string text = Format(format, args);
+    EmitFormatted("error: ", format, args);
     va_end(args);
+}
+
+void HostLog::EmitFormatted(const char* prefix, const char* format, va_list args) {
+    std::string text = Format(format, args);
     std::lock_guard<std::mutex> lock(mutex_);
-    Emit("error: ", text.c_str());
+    Emit(prefix, text.c_str());
 }
 
 std::string HostLog::LastPluginLine() const {

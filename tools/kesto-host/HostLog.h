@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdarg>
+
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -28,6 +30,7 @@ public:
     bool Quiet() const { return verbosity_ == Verbosity::Quiet; }
 
 private:
+    void EmitFormatted(const char* prefix, const char* format, va_list args);
     void Emit(const char* prefix, const char* text);
 
     const Verbosity verbosity_;
