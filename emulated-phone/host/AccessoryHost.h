@@ -13,8 +13,8 @@
 namespace emuphone {
 
 // The host's half of the accessory protocol over the real libusb: enough to
-// drive an emulated phone through its life from a test, the probe or the
-// benchmark. Not the plug-in's code and not shaped like it.
+// drive an emulated phone through its life from a test. Not the plug-in's
+// code and not shaped like it.
 class AccessoryHost {
 public:
     struct Device {

@@ -1,135 +1,243 @@
-// The emulated usbfs answers libusb as the kernel does, where libusb (and so
-// the plug-in) branches on the answer.
-#include "PhoneFixture.h"
+// usbfs answers given straight on the device node, where libusb would blur
+// them (it maps ENODATA and "usbfs" alike, -ENOENT and -ECONNRESET alike) or
+// where the plug-in never goes: the kernel's answers, not just libusb's view.
+#include "emulated-phone/PhoneWorld.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
 
 namespace emuphone {
 namespace {
 
-using namespace std::chrono_literals;
+constexpr uint8_t kIn = 0x81;
 
-class UsbfsAnswers : public PhoneFixture {
+// A node opened as libusb opens it, with the phone in accessory mode and
+// silent, so that an IN URB stays in flight until something ends it.
+class UsbfsNode : public ::testing::TestWithParam<PhoneWorld::IoctlPath> {
 protected:
-    // A phone in accessory mode, opened but with nothing claimed.
-    EmulatedPhone& OpenedAccessory(PhoneOptions options = {})
+    void Plug(PhoneOptions options = {})
     {
+        Close();
         options.startInAccessoryMode = true;
-        EmulatedPhone& phone = Plug(options);
-        EXPECT_TRUE(Host().WaitForAccessory("EMULATED0001", kPatience));
-        EXPECT_EQ(0, Host().Open(phone.BusNumber(), phone.Address()));
-        return phone;
+        options.sendHandshake = false;
+        world_ = std::make_unique<PhoneWorld>(GetParam());
+        phone_ = &world_->AddPhone(options);
+        char node[32];
+        std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", phone_->BusNumber(), phone_->Address());
+        fd_ = open(node, O_RDWR | O_CLOEXEC);
+        ASSERT_GE(fd_, 0) << node << ": " << std::strerror(errno);
     }
+    void TearDown() override { Close(); }
+    void Close()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+        world_.reset();
+    }
+    // 0, or the errno of the failed request.
+    int Call(unsigned long request, void* argument)
+    {
+        return ioctl(fd_, request, argument) == 0 ? 0 : errno;
+    }
+    int Claim(unsigned int interface) { return Call(USBDEVFS_CLAIMINTERFACE, &interface); }
+    // A bulk IN URB, or with `vendorRequest` a vendor control request reading 2 bytes.
+    int Submit(usbdevfs_urb& urb, uint8_t vendorRequest = 0)
+    {
+        urb = {};
+        urb.buffer = buffer_;
+        if (vendorRequest) {
+            const unsigned char setup[8] = {0xC0, vendorRequest, 0, 0, 0, 0, 2, 0};
+            std::memcpy(buffer_, setup, sizeof setup);
+            urb.type = USBDEVFS_URB_TYPE_CONTROL;
+            urb.buffer_length = sizeof setup + 2;
+        } else {
+            urb.type = USBDEVFS_URB_TYPE_BULK;
+            urb.endpoint = kIn;
+            urb.buffer_length = sizeof buffer_;
+        }
+        return Call(USBDEVFS_SUBMITURB, &urb);
+    }
+    // Whether the node polls writable (a URB to reap) or hung up within `ms`.
+    bool Ready(int ms)
+    {
+        pollfd p{fd_, POLLOUT, 0};
+        return poll(&p, 1, ms) == 1;
+    }
+    // The reaped URB, or null with the errno in `error`.
+    usbdevfs_urb* Reap(int& error)
+    {
+        usbdevfs_urb* urb = nullptr;
+        error = Call(USBDEVFS_REAPURBNDELAY, &urb);
+        return urb;
+    }
+
+    std::unique_ptr<PhoneWorld> world_;
+    EmulatedPhone* phone_ = nullptr;
+    int fd_ = -1;
+    unsigned char buffer_[512] = {};
 };
 
-TEST_P(UsbfsAnswers, ClaimingAnInterfaceTheDeviceDoesNotHaveIsNotFound)
+TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
 {
-    OpenedAccessory();
-    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, libusb_claim_interface(Handle(), 5));
+    Plug();
+    usbdevfs_getdriver driver{};
+    usbdevfs_urb* none = nullptr;
+    int configuration = 2;
+    unsigned int interface = 0;
+    usbdevfs_ioctl disconnect{0, USBDEVFS_DISCONNECT, nullptr};
+    // Nothing claimed yet: no driver to name or detach, nothing to release or reap.
+    EXPECT_EQ(ENODATA, Call(USBDEVFS_GETDRIVER, &driver));
+    EXPECT_EQ(ENODATA, Call(USBDEVFS_IOCTL, &disconnect));
+    EXPECT_EQ(EINVAL, Call(USBDEVFS_RELEASEINTERFACE, &interface));
+    EXPECT_EQ(EAGAIN, Call(USBDEVFS_REAPURBNDELAY, &none));
+    EXPECT_EQ(ENOENT, Claim(5));
+    EXPECT_EQ(EINVAL, Claim(40)); // beyond usbfs's bit set of claims
+    EXPECT_EQ(EINVAL, Call(USBDEVFS_SETCONFIGURATION, &configuration));
+
+    ASSERT_EQ(0, Claim(0));
+    ASSERT_EQ(0, Call(USBDEVFS_GETDRIVER, &driver));
+    EXPECT_STREQ("usbfs", driver.driver);
+    configuration = 1;
+    EXPECT_EQ(EBUSY, Call(USBDEVFS_SETCONFIGURATION, &configuration));
+    ASSERT_EQ(0, Call(USBDEVFS_RELEASEINTERFACE, &interface));
+    EXPECT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
 }
 
-TEST_P(UsbfsAnswers, SettingTheConfigurationWhileAnInterfaceIsClaimedIsBusy)
-{
-    OpenedAccessory();
-    ASSERT_EQ(0, libusb_claim_interface(Handle(), 0));
-    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_set_configuration(Handle(), 1));
-    ASSERT_EQ(0, libusb_release_interface(Handle(), 0));
-    EXPECT_EQ(0, libusb_set_configuration(Handle(), 1));
-}
-
-TEST_P(UsbfsAnswers, NoKernelDriverIsBoundSoThereIsNoneToDetach)
-{
-    OpenedAccessory();
-    EXPECT_EQ(0, libusb_kernel_driver_active(Handle(), 0));
-    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, libusb_detach_kernel_driver(Handle(), 0));
-}
-
-TEST_P(UsbfsAnswers, UnconfiguredAccessoryHasNoInterfacesUntilConfigurationOneIsSet)
+TEST_P(UsbfsNode, UnconfiguredDeviceHasNoInterfacesUntilConfigurationOne)
 {
     PhoneOptions options;
     options.accessoryUnconfigured = true;
-    OpenedAccessory(options);
-    int configuration = -1;
-    ASSERT_EQ(0, libusb_get_configuration(Handle(), &configuration));
-    EXPECT_EQ(0, configuration);
-    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, libusb_claim_interface(Handle(), 0));
-    ASSERT_EQ(0, libusb_set_configuration(Handle(), 1));
-    ASSERT_EQ(0, libusb_get_configuration(Handle(), &configuration));
-    EXPECT_EQ(1, configuration);
-    EXPECT_EQ(0, libusb_claim_interface(Handle(), 0));
+    Plug(options);
+    usbdevfs_urb urb;
+    EXPECT_EQ(ENOENT, Claim(0));
+    EXPECT_EQ(ENOENT, Submit(urb));
+    int configuration = 1;
+    ASSERT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
+    EXPECT_EQ(0, Claim(0));
 }
 
-TEST_P(UsbfsAnswers, ReadOnAnInterfaceNobodyClaimedIsServedButCountedAgainstTheHost)
+// usbfs claims the interface on behalf of a file that uses it unclaimed.
+TEST_P(UsbfsNode, UrbOnAnUnclaimedInterfaceClaimsItAndIsCounted)
 {
-    PhoneOptions options;
-    options.sendHandshake = false;
-    EmulatedPhone& phone = OpenedAccessory(options);
-    unsigned char byte = 0;
-    int transferred = 0;
-    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, libusb_bulk_transfer(Handle(), 0x81, &byte, 1, &transferred, 50));
-    EXPECT_EQ(1, phone.Report().unclaimedSubmissions);
+    Plug();
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Submit(urb));
+    usbdevfs_getdriver driver{};
+    EXPECT_EQ(0, Call(USBDEVFS_GETDRIVER, &driver));
+    EXPECT_EQ(1, phone_->Report().unclaimedSubmissions);
 }
 
-TEST_P(UsbfsAnswers, TimedOutReadIsDiscardedAndReportedAsATimeOut)
+// Each way a URB in flight can end, and the status usbfs reaps it with.
+TEST_P(UsbfsNode, UrbEndingsAreReapedWithTheKernelsStatus)
 {
-    PhoneOptions options;
-    options.sendHandshake = false;
-    EmulatedPhone& phone = OpenedAccessory(options);
-    ASSERT_EQ(0, libusb_claim_interface(Handle(), 0));
-    unsigned char byte = 0;
-    int transferred = 0;
-    // libusb cancels a timed-out transfer and reports the time-out once usbfs gives it back.
-    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, libusb_bulk_transfer(Handle(), 0x81, &byte, 1, &transferred, 30));
-    EXPECT_EQ(1, phone.Report().discardedTransfers);
+    auto unplug = [this](usbdevfs_urb&) { phone_->Unplug(); };
+    const struct {
+        const char* name;
+        std::function<void(PhoneOptions&)> phone;
+        uint8_t vendorRequest; // 0: a bulk IN URB
+        std::function<void(usbdevfs_urb&)> end; // null: it ends by itself
+        int status;
+    } endings[] = {
+        {"discarded", nullptr, 0, [this](usbdevfs_urb& u) { EXPECT_EQ(0, Call(USBDEVFS_DISCARDURB, &u)); },
+         -ECONNRESET},
+        {"interface released", nullptr, 0,
+         [this](usbdevfs_urb&) {
+             unsigned int interface = 0;
+             EXPECT_EQ(0, Call(USBDEVFS_RELEASEINTERFACE, &interface));
+         },
+         -ENOENT},
+        {"unplugged", nullptr, 0, unplug, -ESHUTDOWN},
+        {"unplugged, bus says EPROTO", [](PhoneOptions& o) { o.unplugStatus = -EPROTO; }, 0, unplug, -EPROTO},
+        {"unknown vendor request", nullptr, 58, nullptr, -EPIPE},
+        {"vendor request made to fail", [](PhoneOptions& o) { o.controlFaults = {{51, 1, -EPROTO}}; }, 51, nullptr,
+         -EPROTO},
+    };
+    for (const auto& ending : endings) {
+        SCOPED_TRACE(ending.name);
+        PhoneOptions options;
+        if (ending.phone)
+            ending.phone(options);
+        Plug(options);
+        ASSERT_EQ(0, Claim(0));
+        usbdevfs_urb urb;
+        ASSERT_EQ(0, Submit(urb, ending.vendorRequest));
+        if (ending.end)
+            ending.end(urb);
+        EXPECT_TRUE(Ready(1000));
+        int error = 0;
+        EXPECT_EQ(&urb, Reap(error)) << std::strerror(error);
+        EXPECT_EQ(ending.status, urb.status);
+    }
 }
 
-TEST_P(UsbfsAnswers, StalledEndpointFailsReadsUntilTheHaltIsCleared)
+TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalid)
+{
+    Plug();
+    ASSERT_EQ(0, Claim(0));
+    usbdevfs_urb never{};
+    EXPECT_EQ(EINVAL, Call(USBDEVFS_DISCARDURB, &never));
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Submit(urb));
+    ASSERT_EQ(0, Call(USBDEVFS_DISCARDURB, &urb));
+    // Completed but not yet reaped: no longer in flight either.
+    EXPECT_EQ(EINVAL, Call(USBDEVFS_DISCARDURB, &urb));
+    int error = 0;
+    ASSERT_EQ(&urb, Reap(error));
+    EXPECT_FALSE(Ready(20)) << "reaped, yet the node still polls ready";
+}
+
+TEST_P(UsbfsNode, AfterUnplugOnlyReapIsServedUntilNothingIsLeft)
+{
+    Plug();
+    ASSERT_EQ(0, Claim(0));
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Submit(urb));
+    phone_->Unplug();
+    EXPECT_EQ(ENODEV, Claim(0));
+    EXPECT_EQ(ENODEV, Submit(urb));
+    int error = 0;
+    EXPECT_EQ(&urb, Reap(error));
+    EXPECT_EQ(nullptr, Reap(error));
+    EXPECT_EQ(ENODEV, error);
+}
+
+// The halt comes from the phone's timer thread, as a real endpoint stalls.
+TEST_P(UsbfsNode, HaltedEndpointFailsUrbsWithEpipeUntilTheHaltIsCleared)
 {
     PhoneOptions options;
     options.stallEndpoint = PhoneOptions::Endpoint::In;
     options.stallAt = PhoneStage::AccessoryAttached;
-    EmulatedPhone& phone = OpenedAccessory(options);
-    ASSERT_TRUE(OpenAccessory(phone));
-    std::vector<uint8_t> bytes;
-    EXPECT_EQ(LIBUSB_ERROR_PIPE, Host().Read(bytes, 512, kTimeoutMs));
-    ASSERT_EQ(0, libusb_clear_halt(Handle(), Host().In()));
-    ASSERT_EQ(0, Host().Read(bytes, 512, kTimeoutMs));
-    EXPECT_EQ(std::vector<uint8_t>(AccessoryHost::kPhoneHandshake.begin(), AccessoryHost::kPhoneHandshake.end()),
-              bytes);
+    Plug(options);
+    ASSERT_EQ(0, Claim(0));
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Submit(urb));
+    ASSERT_TRUE(Ready(1000));
+    int error = 0;
+    ASSERT_EQ(&urb, Reap(error));
+    EXPECT_EQ(-EPIPE, urb.status);
+    unsigned int endpoint = kIn;
+    ASSERT_EQ(0, Call(USBDEVFS_CLEAR_HALT, &endpoint));
+    ASSERT_EQ(0, Submit(urb));
+    EXPECT_FALSE(Ready(50)) << "the endpoint is still halted";
 }
 
-TEST_P(UsbfsAnswers, FailedVendorRequestIsAnErrorOnceAndThenAnswered)
-{
-    PhoneOptions options;
-    options.controlFaults = {{51, 1, -EPROTO}};
-    EmulatedPhone& phone = Plug(options);
-    ASSERT_EQ(0, Host().Open(phone.BusNumber(), phone.Address()));
-    uint16_t version = 0;
-    EXPECT_EQ(LIBUSB_ERROR_IO, Host().QueryProtocol(version));
-    EXPECT_EQ(0, Host().QueryProtocol(version));
-    EXPECT_EQ(2, version);
-}
-
-TEST_P(UsbfsAnswers, UnansweredStartRequestTimesOutAndLeavesThePhoneWhereItWas)
-{
-    PhoneOptions options;
-    options.controlFaults = {{53, 1, 0}};
-    EmulatedPhone& phone = Plug(options);
-    ASSERT_EQ(0, Host().Open(phone.BusNumber(), phone.Address()));
-    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT,
-              libusb_control_transfer(Handle(), LIBUSB_ENDPOINT_OUT | LIBUSB_REQUEST_TYPE_VENDOR, 53, 0, 0, nullptr,
-                                      0, 50));
-    EXPECT_FALSE(phone.Report().Reached(PhoneStage::StartRequested));
-}
-
-TEST_P(UsbfsAnswers, VendorRequestThePhoneDoesNotKnowStalls)
-{
-    EmulatedPhone& phone = Plug();
-    ASSERT_EQ(0, Host().Open(phone.BusNumber(), phone.Address()));
-    unsigned char reply[2];
-    EXPECT_EQ(LIBUSB_ERROR_PIPE, libusb_control_transfer(Handle(), LIBUSB_ENDPOINT_IN | LIBUSB_REQUEST_TYPE_VENDOR,
-                                                         58, 0, 0, reply, sizeof reply, kTimeoutMs));
-}
-
-INSTANTIATE_FOR_BOTH_PATHS(UsbfsAnswers);
+INSTANTIATE_TEST_SUITE_P(, UsbfsNode,
+                         ::testing::Values(PhoneWorld::IoctlPath::Socket, PhoneWorld::IoctlPath::Interposed),
+                         [](const auto& info) {
+                             return info.param == PhoneWorld::IoctlPath::Socket ? "Socket" : "Interposed";
+                         });
 
 } // namespace
 } // namespace emuphone

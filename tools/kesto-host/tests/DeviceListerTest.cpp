@@ -4,85 +4,55 @@
 
 namespace {
 
-DeviceLister::Device Phone(int address, const char* serial) {
+DeviceLister::Device Device(int address, const char* serial, bool phone) {
     DeviceLister::Device d;
     d.bus = 1;
     d.address = address;
-    d.vendor = 0x18D1;
-    d.product = 0x4EE7;
-    d.phoneVendor = true;
+    d.phoneVendor = phone;
     d.stringsRead = true;
     d.serial = serial;
     return d;
 }
 
-DeviceLister::Device Keyboard(int address) {
-    DeviceLister::Device d;
-    d.bus = 1;
-    d.address = address;
-    d.vendor = 0x046D;
-    d.product = 0xC31C;
-    d.stringsRead = true;
-    d.serial = "KB1";
-    return d;
-}
+DeviceLister::Device Phone(int address, const char* serial) { return Device(address, serial, true); }
+DeviceLister::Device Keyboard(int address) { return Device(address, "KB1", false); }
 
-struct Choice {
-    bool ok;
-    DeviceLister::Device device;
-    std::string error;
-};
-
-Choice Choose(const std::vector<DeviceLister::Device>& devices, const std::string& serial = "") {
-    Choice c;
-    c.ok = DeviceLister::Choose(devices, serial, c.device, c.error);
-    return c;
-}
-
-TEST(DeviceLister, OnlyPhoneAmongPeripheralsIsChosen) {
-    Choice c = Choose({Keyboard(2), Phone(5, "0A1B"), Keyboard(7)});
-    ASSERT_TRUE(c.ok) << c.error;
-    EXPECT_EQ(c.device.address, 5);
-}
-
-TEST(DeviceLister, PhoneAlreadyInAccessoryModeCountsAsAPhone) {
+// Which device the tool takes for the phone, or what it says when it cannot tell.
+TEST(DeviceLister, ChoosesTheOnlyPhoneOrTheNamedSerialAndOtherwiseSaysWhy) {
     DeviceLister::Device accessory = Keyboard(9);
-    accessory.vendor = 0x18D1;
-    accessory.product = 0x2D01;
     accessory.accessoryMode = true;
-    Choice c = Choose({Keyboard(2), accessory});
-    ASSERT_TRUE(c.ok) << c.error;
-    EXPECT_EQ(c.device.address, 9);
-}
-
-TEST(DeviceLister, TwoPhonesNeedASelectorAndTheErrorNamesBoth) {
-    Choice c = Choose({Phone(5, "0A1B"), Phone(6, "9Z8Y")});
-    EXPECT_FALSE(c.ok);
-    EXPECT_NE(c.error.find("2 devices look like phones"), std::string::npos) << c.error;
-    EXPECT_NE(c.error.find("serial 0A1B"), std::string::npos) << c.error;
-    EXPECT_NE(c.error.find("serial 9Z8Y"), std::string::npos) << c.error;
-}
-
-TEST(DeviceLister, SerialPicksAmongSeveralPhonesAndAnyDevice) {
-    EXPECT_EQ(Choose({Phone(5, "0A1B"), Phone(6, "9Z8Y")}, "9Z8Y").device.address, 6);
-    EXPECT_EQ(Choose({Phone(5, "0A1B"), Keyboard(7)}, "KB1").device.address, 7);
-}
-
-TEST(DeviceLister, UnknownSerialMentionsDevicesThatCouldNotBeRead) {
-    DeviceLister::Device locked = Phone(8, "");
-    locked.stringsRead = false;
-    Choice c = Choose({Phone(5, "0A1B"), locked}, "9Z8Y");
-    EXPECT_FALSE(c.ok);
-    EXPECT_EQ(c.error, "no USB device has the serial number '9Z8Y'; the serial number of 1 device(s) "
-                       "could not be read (see the udev rules)");
-}
-
-TEST(DeviceLister, NoPhoneAtAllSaysHowToNameOne) {
+    DeviceLister::Device unreadable = Phone(8, "");
+    unreadable.stringsRead = false;
     DeviceLister::Device hub = Phone(1, "");
     hub.hub = true;
-    Choice c = Choose({hub, Keyboard(2)});
-    EXPECT_FALSE(c.ok);
-    EXPECT_NE(c.error.find("--bus and --address"), std::string::npos) << c.error;
+    const struct {
+        std::vector<DeviceLister::Device> devices;
+        std::string serial;
+        int address;                 // 0: none chosen
+        std::vector<std::string> errorParts;
+    } cases[] = {
+        {{Keyboard(2), Phone(5, "0A1B"), Keyboard(7)}, "", 5, {}},
+        {{Keyboard(2), accessory}, "", 9, {}},
+        {{Phone(5, "0A1B"), Phone(6, "9Z8Y")}, "9Z8Y", 6, {}},
+        {{Phone(5, "0A1B"), Keyboard(7)}, "KB1", 7, {}},
+        {{Phone(5, "0A1B"), Phone(6, "9Z8Y")}, "", 0, {"2 devices look like phones", "serial 0A1B", "serial 9Z8Y"}},
+        {{Phone(5, "0A1B"), unreadable}, "9Z8Y", 0,
+         {"no USB device has the serial number '9Z8Y'; the serial number of 1 device(s) could not be read "
+          "(see the udev rules)"}},
+        {{hub, Keyboard(2)}, "", 0, {"--bus and --address"}},
+    };
+    for (const auto& c : cases) {
+        DeviceLister::Device chosen;
+        std::string error;
+        bool ok = DeviceLister::Choose(c.devices, c.serial, chosen, error);
+        EXPECT_EQ(ok, c.address != 0) << error;
+        if (ok) {
+            EXPECT_EQ(chosen.address, c.address);
+        }
+        for (const std::string& part : c.errorParts) {
+            EXPECT_NE(error.find(part), std::string::npos) << error;
+        }
+    }
 }
 
 } // namespace
