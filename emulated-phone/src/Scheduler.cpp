@@ -44,7 +44,10 @@ void Scheduler::Run()
         }
         auto first = due_.begin();
         if (first->first > Clock::now()) {
-            wake_.wait_until(hold, first->first);
+            // A copy: Stop() may free the entry while this thread waits, and
+            // the wait reads its deadline again on waking.
+            Clock::time_point when = first->first;
+            wake_.wait_until(hold, when);
             continue;
         }
         std::function<void()> action = std::move(first->second);

@@ -1,0 +1,127 @@
+#include "PhoneStory.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+#include "emulated-phone/StreamPattern.h"
+
+using Clock = std::chrono::steady_clock;
+
+KestoBearerInitializeFn PluginEntryPoint() {
+    // Kept loaded for the process: a toolkit does not unload its bearers between connections.
+    static void* const library = dlopen(KESTO_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        ADD_FAILURE() << dlerror();
+        return nullptr;
+    }
+    return reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"));
+}
+
+Toolkit::Options PluginToolkit() { return Toolkit::Options{PluginEntryPoint()}; }
+
+int OpenDescriptors() {
+    DIR* directory = opendir("/proc/self/fd");
+    int count = 0;
+    while (directory != nullptr && readdir(directory) != nullptr) {
+        ++count;
+    }
+    if (directory != nullptr) {
+        closedir(directory);
+    }
+    return count;
+}
+
+Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields) {
+    fields["bus"] = std::to_string(phone.BusNumber());
+    fields["dev"] = std::to_string(phone.Address());
+    return fields;
+}
+
+bool Connected(const ToolkitConnection& connection) {
+    const std::vector<int>& statuses = connection.Statuses();
+    return std::find(statuses.begin(), statuses.end(), KestoConnectionStatusConnected) != statuses.end();
+}
+
+bool Logged(const ToolkitConnection& connection, const std::string& text) {
+    const std::vector<std::string>& log = connection.Log();
+    return std::any_of(log.begin(), log.end(), [&](const std::string& line) { return line.find(text) != line.npos; });
+}
+
+EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, size_t piece,
+             std::chrono::milliseconds patience) {
+    EchoRun run;
+    std::vector<uint8_t> expected;
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point end = start + patience;
+    while (run.returned < total && run.error == 0 && !run.mismatch && connection.Failure() == 0) {
+        if (Clock::now() > end) {
+            ADD_FAILURE() << "echo stalled: " << run.returned << " of " << total << " bytes back";
+            break;
+        }
+        if (run.sent < total) {
+            std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(piece, total - run.sent)));
+            emuphone::StreamPattern::Fill(run.sent, bytes.data(), bytes.size());
+            const Toolkit::Transfer written = toolkit.Write(connection, bytes);
+            run.error = written.result;
+            run.sent += written.result == KestoBearerErrorNone ? written.length : 0;
+        }
+        toolkit.RunOnce(std::chrono::milliseconds(10));
+        for (Toolkit::Transfer read = toolkit.Read(connection, 16384); run.error == 0 && !run.mismatch;
+             read = toolkit.Read(connection, 16384)) {
+            run.error = read.result;
+            if (read.result != KestoBearerErrorNone || read.bytes.empty()) {
+                break;
+            }
+            expected.resize(read.bytes.size());
+            emuphone::StreamPattern::Fill(run.returned, expected.data(), expected.size());
+            run.mismatch = run.returned + read.bytes.size() > run.sent || read.bytes != expected;
+            EXPECT_FALSE(run.mismatch) << "the stream differs in the " << read.bytes.size() << " bytes from offset "
+                                       << run.returned;
+            run.returned += read.bytes.size();
+        }
+    }
+    run.error = run.error != 0 ? run.error : connection.Failure();
+    run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return run;
+}
+
+emuphone::EmulatedPhone& PhoneStory::Plug(const emuphone::PhoneOptions& options) {
+    phones_.push_back(&world.AddPhone(options));
+    return *phones_.back();
+}
+
+ToolkitConnection& PhoneStory::Connect(emuphone::EmulatedPhone& phone, Toolkit::Fields fields) {
+    ToolkitConnection& connection = toolkit->CreateConnection(At(phone, std::move(fields)));
+    connections_.push_back(&connection);
+    EXPECT_EQ(KestoBearerErrorNone, toolkit->Establish(connection));
+    return connection;
+}
+
+bool PhoneStory::RunUntilConnected(ToolkitConnection& connection, Ms timeout) {
+    return toolkit->RunUntil([&] { return Connected(connection) || connection.Failure() != 0; }, timeout) &&
+           Connected(connection);
+}
+
+void PhoneStory::TearDown() {
+    if (HasFailure()) {
+        for (const ToolkitConnection* connection : connections_) {
+            for (const std::string& line : connection->Log()) {
+                std::printf("  plug-in: %s\n", line.c_str());
+            }
+        }
+    }
+    toolkit.reset();
+    for (emuphone::EmulatedPhone* phone : phones_) {
+        phone->Unplug();
+    }
+    // A phone pulled by its own trigger leaves the bus on its timer thread, a moment later.
+    const Clock::time_point end = Clock::now() + std::chrono::seconds(2);
+    while (OpenDescriptors() != descriptorsAtStart && Clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(descriptorsAtStart, OpenDescriptors()) << "descriptors left open";
+}

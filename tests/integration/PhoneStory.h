@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "emulated-phone/PhoneWorld.h"
+#include "harness/Toolkit.h"
+
+// The shipped plug-in's entry point, from a dlopen made once per process, as a toolkit loads it.
+KestoBearerInitializeFn PluginEntryPoint();
+Toolkit::Options PluginToolkit();
+int OpenDescriptors();
+
+Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields = {});
+bool Connected(const ToolkitConnection& connection);
+bool Logged(const ToolkitConnection& connection, const std::string& text);
+
+// The toolkit's side of a stream to the phone's echo application.
+struct EchoRun {
+    uint64_t sent = 0;
+    uint64_t returned = 0; // every byte compared with the pattern at its offset
+    int error = 0;         // the first non-zero result the toolkit got, slot or event loop
+    bool mismatch = false;
+    double seconds = 0;
+};
+
+// Writes `total` pattern bytes in pieces of `piece` and reads them back, until
+// all are back, an error reaches the toolkit, or `patience` has passed.
+EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, size_t piece = 16000,
+             std::chrono::milliseconds patience = std::chrono::seconds(20));
+
+// Each test is a story of a phone on the emulated bus and a toolkit that loads
+// the plug-in. The world is the test's own; the fixture checks at the end that
+// with the connections destroyed and the phones unplugged no descriptor is left.
+class PhoneStory : public testing::Test {
+protected:
+    using Ms = std::chrono::milliseconds;
+
+    emuphone::EmulatedPhone& Plug(const emuphone::PhoneOptions& options = {});
+    // A connection to the phone where it sits now, established.
+    ToolkitConnection& Connect(emuphone::EmulatedPhone& phone, Toolkit::Fields fields = {});
+    bool RunUntilConnected(ToolkitConnection& connection, Ms timeout = Ms(5000));
+    void TearDown() override;
+
+    emuphone::PhoneWorld world{emuphone::PhoneWorld::IoctlPath::Interposed};
+    const int descriptorsAtStart = OpenDescriptors();
+    std::optional<Toolkit> toolkit{std::in_place, PluginToolkit()};
+
+private:
+    std::vector<emuphone::EmulatedPhone*> phones_;
+    std::vector<ToolkitConnection*> connections_;
+};

@@ -1,0 +1,121 @@
+// Phones that connect: the whole road and the variations real phones bring to it.
+#include <cstdio>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+#include "PhoneStory.h"
+
+using emuphone::PhoneOptions;
+using emuphone::PhoneStage;
+using testing::ElementsAre;
+
+namespace {
+const std::vector<uint8_t> kDeviceHandshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x44, 0x45, 0x56};
+} // namespace
+
+TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
+    PhoneOptions options;
+    options.readRule = PhoneOptions::ReadRule::PhoneDriver;
+    options.link = emuphone::LinkModel::HighSpeed();
+    emuphone::EmulatedPhone& phone = Plug(options);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_THAT(connection.Statuses(), ElementsAre(KestoConnectionStatusConnecting, KestoConnectionStatusConnected));
+    EXPECT_TRUE(Logged(connection, "Device supports Android Accessory Protocol version 2"));
+    EXPECT_TRUE(Logged(connection, "Located device with matching serial number"));
+    emuphone::PhoneReport report = phone.Report();
+    EXPECT_EQ(1, report.versionQueries);
+    EXPECT_EQ(6, report.identityRequests);
+    EXPECT_EQ(1, report.startRequests);
+    EXPECT_EQ("Norvane", report.identity[0].value_or(""));
+    EXPECT_EQ("serial_number", report.identity[5].value_or(""));
+    EXPECT_TRUE(report.Reached(PhoneStage::HandshakeDone));
+
+    const uint64_t total = 64ull << 20;
+    const EchoRun run = Echo(*toolkit, connection, total, 16000, Ms(120000));
+    EXPECT_EQ(0, run.error);
+    EXPECT_EQ(total, run.returned);
+    report = phone.Report();
+    EXPECT_EQ(total, report.bytesFromHost);
+    EXPECT_EQ(0, report.unclaimedSubmissions);
+    std::printf("[ figure ] 64 MiB echoed on the high-speed link model in %.2f s: %.1f MB/s each way\n", run.seconds,
+                total / 1e6 / run.seconds);
+}
+
+TEST_F(PhoneStory, PhoneAlreadyInAccessoryModeIsNotSwitchedAgain) {
+    PhoneOptions options;
+    options.startInAccessoryMode = true;
+    emuphone::EmulatedPhone& phone = Plug(options);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_TRUE(Logged(connection, "Device already in accessory mode."));
+    emuphone::PhoneReport report = phone.Report();
+    EXPECT_EQ(0, report.versionQueries + report.identityRequests + report.startRequests);
+    EXPECT_FALSE(report.Reached(PhoneStage::Detached));
+    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
+}
+
+TEST_F(PhoneStory, DebugBridgeInterfaceListedFirstIsPassedOver) {
+    PhoneOptions options;
+    options.debugBridgeFirst = true;
+    emuphone::EmulatedPhone& phone = Plug(options);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
+    EXPECT_EQ(0, phone.Report().unclaimedSubmissions);
+}
+
+TEST_F(PhoneStory, OfTwoAccessoriesTheOneWithTheSerialIsChosenThoughListedSecond) {
+    emuphone::EmulatedPhone& phone = Plug();
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(toolkit->RunUntil([&] { return phone.Report().Reached(PhoneStage::StartRequested); }));
+    // The toolkit sits still, so the plug-in cannot search until both are on the bus.
+    ASSERT_TRUE(phone.WaitFor(PhoneStage::AccessoryAttached, Ms(2000)));
+    PhoneOptions other;
+    other.startInAccessoryMode = true;
+    other.serial = "ANOTHER0002";
+    emuphone::EmulatedPhone& stranger = Plug(other);
+    // libusb lists the newest device first once its hotplug thread has seen it.
+    std::this_thread::sleep_for(Ms(150));
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_TRUE(Logged(connection, "Located device with matching serial number"));
+    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
+    EXPECT_FALSE(stranger.Report().Reached(PhoneStage::InterfaceClaimed));
+}
+
+TEST_F(PhoneStory, PhoneWithoutSerialIsTakenByTheFallbackAfterTwentyOneSearches) {
+    PhoneOptions options;
+    options.serial = std::nullopt;
+    emuphone::EmulatedPhone& phone = Plug(options);
+    const auto start = std::chrono::steady_clock::now();
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection, Ms(10000)));
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+    EXPECT_TRUE(Logged(connection, "Failed to retrieve serial number for device"));
+    EXPECT_FALSE(Logged(connection, "Located device with matching serial number"));
+    EXPECT_GE(connection.TimerExpiries(), 22);
+    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
+    std::printf("[ figure ] a phone without serial connected by the fallback after %.2f s, %d timer expiries\n",
+                seconds, connection.TimerExpiries());
+}
+
+TEST_F(PhoneStory, WrongHandshakeIsLoggedAndTheRightOneThatFollowsAccepted) {
+    PhoneOptions options;
+    options.handshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x44, 0x45, 0x57};
+    options.handshake.insert(options.handshake.end(), kDeviceHandshake.begin(), kDeviceHandshake.end());
+    options.handshakeChunk = kDeviceHandshake.size();
+    emuphone::EmulatedPhone& phone = Plug(options);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_TRUE(Logged(connection, "Device handshake wasn't as expected: 0xff 0xff 0x00 0x00 0x0a 0x0a 0x44 0x45 0x57"));
+    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
+    // Nothing of either handshake may leak into the stream.
+    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
+}
