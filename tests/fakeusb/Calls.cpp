@@ -4,12 +4,8 @@
 
 namespace fakeusb {
 
-using namespace detail;
-
 std::vector<std::string> Calls::All() {
-    World& w = TheWorld();
-    std::lock_guard<std::mutex> lock(w.mutex);
-    return w.calls;
+    return detail::Locked([](detail::World& w) { return w.calls; });
 }
 
 std::vector<std::string> Calls::Named(const std::string& function) {

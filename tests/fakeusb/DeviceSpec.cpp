@@ -1,58 +1,69 @@
 #include "fakeusb/DeviceSpec.h"
 
+#include <algorithm>
+
 namespace fakeusb {
 
 namespace {
-constexpr uint8_t kDebugBridgeClass = 0xFF;
-constexpr uint8_t kDebugBridgeSubClass = 0x42;
-constexpr uint8_t kDebugBridgeProtocol = 0x01;
-} // namespace
 
-Endpoint Bulk(uint8_t address, uint16_t maxPacketSize) {
-    return Endpoint{address, LIBUSB_TRANSFER_TYPE_BULK, maxPacketSize};
+AltSetting DebugBridge(uint8_t number, uint8_t in, uint8_t out) {
+    return AltSetting{number, 0, 0xFF, 0x42, 0x01, {Bulk(in), Bulk(out)}};
 }
 
-libusb_device_descriptor DeviceSpec::Descriptor(uint16_t vendorId, uint16_t productId) {
+libusb_device_descriptor Descriptor(uint16_t vendorId, uint16_t productId) {
     libusb_device_descriptor d{};
     d.bLength = LIBUSB_DT_DEVICE_SIZE;
     d.bDescriptorType = LIBUSB_DT_DEVICE;
     d.bcdUSB = 0x0200;
-    d.bMaxPacketSize0 = 64;
     d.idVendor = vendorId;
     d.idProduct = productId;
-    d.bcdDevice = 0x0100;
     d.iManufacturer = 1;
     d.iProduct = 2;
-    d.iSerialNumber = kSerialIndex;
+    d.iSerialNumber = DeviceSpec::kSerialIndex;
     d.bNumConfigurations = 1;
     return d;
 }
 
+} // namespace
+
+const AltSetting* DeviceSpec::FindAltSetting(int interfaceNumber, int alternateSetting) const {
+    for (const Interface& alts : interfaces) {
+        for (const AltSetting& alt : alts) {
+            if (alt.interfaceNumber == interfaceNumber &&
+                (alternateSetting < 0 || alt.alternateSetting == alternateSetting)) {
+                return &alt;
+            }
+        }
+    }
+    return nullptr;
+}
+
+const Endpoint* DeviceSpec::FindEndpoint(uint8_t address, const std::vector<int>* among) const {
+    for (const Interface& alts : interfaces) {
+        for (const AltSetting& alt : alts) {
+            const bool searched = among == nullptr || std::count(among->begin(), among->end(), alt.interfaceNumber);
+            for (const Endpoint& e : alt.endpoints) {
+                if (searched && e.address == address) {
+                    return &e;
+                }
+            }
+        }
+    }
+    return nullptr;
+}
+
 DeviceSpec AndroidPhone(uint8_t bus, uint8_t address, const std::string& serial) {
-    DeviceSpec phone;
-    phone.bus = bus;
-    phone.address = address;
-    phone.descriptor = DeviceSpec::Descriptor(0x04E8, 0x6860);
-    phone.strings = {{1, "SAMSUNG"}, {2, "SAMSUNG_Android"}, {DeviceSpec::kSerialIndex, serial}};
-    Endpoint events{0x82, LIBUSB_TRANSFER_TYPE_INTERRUPT, 28};
-    phone.interfaces = {
-        {AltSetting{0, 0, 0x06, 0x01, 0x01, {Bulk(0x81), Bulk(0x01), events}}},
-        {AltSetting{1, 0, kDebugBridgeClass, kDebugBridgeSubClass, kDebugBridgeProtocol, {Bulk(0x83), Bulk(0x02)}}},
-    };
-    return phone;
+    return DeviceSpec{bus, address, Descriptor(0x04E8, 0x6860),
+                      {{1, "SAMSUNG"}, {2, "SAMSUNG_Android"}, {DeviceSpec::kSerialIndex, serial}},
+                      {{AltSetting{0, 0, 0x06, 0x01, 0x01, {Bulk(0x81), Bulk(0x01)}}}, {DebugBridge(1, 0x83, 0x02)}}};
 }
 
 DeviceSpec AccessoryPhone(uint8_t bus, uint8_t address, const std::string& serial, bool debugBridge) {
-    DeviceSpec phone;
-    phone.bus = bus;
-    phone.address = address;
-    phone.descriptor =
-        DeviceSpec::Descriptor(kGoogleVendorId, debugBridge ? kAccessoryDebugProductId : kAccessoryProductId);
-    phone.strings = {{1, "Google"}, {2, "Android Accessory Interface"}, {DeviceSpec::kSerialIndex, serial}};
-    phone.interfaces = {{AltSetting{0, 0, 0xFF, 0xFF, 0x00, {Bulk(0x81), Bulk(0x01)}}}};
+    DeviceSpec phone{bus, address, Descriptor(0x18D1, debugBridge ? 0x2D01 : 0x2D00),
+                     {{1, "Google"}, {2, "Android Accessory Interface"}, {DeviceSpec::kSerialIndex, serial}},
+                     {{AltSetting{0, 0, 0xFF, 0xFF, 0x00, {Bulk(0x81), Bulk(0x01)}}}}};
     if (debugBridge) {
-        phone.interfaces.push_back(
-            {AltSetting{1, 0, kDebugBridgeClass, kDebugBridgeSubClass, kDebugBridgeProtocol, {Bulk(0x82), Bulk(0x02)}}});
+        phone.interfaces.push_back({DebugBridge(1, 0x82, 0x02)});
     }
     return phone;
 }

@@ -9,14 +9,14 @@
 
 namespace fakeusb {
 
+// An endpoint, described as bulk; the address carries the direction (0x81 is
+// IN 1, 0x01 is OUT 1).
 struct Endpoint {
-    uint8_t address;                                // bit 7 set for IN
-    uint8_t attributes = LIBUSB_TRANSFER_TYPE_BULK; // bmAttributes
-    uint16_t maxPacketSize = 512;                   // wMaxPacketSize, reported as it stands
+    uint8_t address;
+    uint16_t maxPacketSize = 512; // reported as it stands
 };
 
-// A bulk endpoint; the address carries the direction (0x81 is IN 1, 0x01 is OUT 1).
-Endpoint Bulk(uint8_t address, uint16_t maxPacketSize = 512);
+inline Endpoint Bulk(uint8_t address) { return Endpoint{address}; }
 
 struct AltSetting {
     uint8_t interfaceNumber = 0;
@@ -37,7 +37,9 @@ struct DeviceSpec {
 
     uint8_t bus = 1;
     uint8_t address = 1;
-    libusb_device_descriptor descriptor = Descriptor(0x1234, 0x5678);
+    // The phones below name their strings 1 (manufacturer), 2 (product) and
+    // kSerialIndex (serial number).
+    libusb_device_descriptor descriptor{};
     // String descriptors by index, as ASCII. An index with no entry fails as a
     // device that stalls the request does (LIBUSB_ERROR_PIPE).
     std::map<uint8_t, std::string> strings;
@@ -50,18 +52,16 @@ struct DeviceSpec {
     // such as LIBUSB_ERROR_NOT_SUPPORTED.
     int kernelDriverActive = 0;
 
-    // A USB 2.0 device descriptor with one configuration and string indexes
-    // 1 (manufacturer), 2 (product) and kSerialIndex (serial number).
-    static libusb_device_descriptor Descriptor(uint16_t vendorId, uint16_t productId);
+    // The alternate setting (any of the interface's with -1), or null.
+    const AltSetting* FindAltSetting(int interfaceNumber, int alternateSetting) const;
+    // The endpoint at `address`, in any interface or only in those listed in
+    // `among`; null if none.
+    const Endpoint* FindEndpoint(uint8_t address, const std::vector<int>* among = nullptr) const;
 };
 
-constexpr uint16_t kGoogleVendorId = 0x18D1;
-constexpr uint16_t kAccessoryProductId = 0x2D00;         // accessory
-constexpr uint16_t kAccessoryDebugProductId = 0x2D01;    // accessory and debug bridge
-
 // A phone as it first appears, before the accessory-mode switch: a media
-// transfer interface (0x06/0x01/0x01; bulk 0x81, 0x01, interrupt 0x82) and a
-// debug-bridge interface (0xFF/0x42/0x01; bulk 0x83, 0x02), 512-byte packets.
+// transfer interface (0x06/0x01/0x01; bulk 0x81, 0x01) and a debug-bridge
+// interface (0xFF/0x42/0x01; bulk 0x83, 0x02).
 DeviceSpec AndroidPhone(uint8_t bus, uint8_t address, const std::string& serial);
 
 // The same phone after the switch: 0x18D1:0x2D01 with the accessory interface 0

@@ -4,18 +4,8 @@
 
 namespace fakeusb {
 
-using namespace detail;
-
-void Failures::Fail(Function function, int error, int count, int skip) {
-    World& w = TheWorld();
-    std::lock_guard<std::mutex> lock(w.mutex);
-    w.failures[function] = FailureRule{error, count, skip};
-}
-
-void Failures::Clear(Function function) {
-    World& w = TheWorld();
-    std::lock_guard<std::mutex> lock(w.mutex);
-    w.failures.erase(function);
+void Failures::Fail(Function function, int error, int skip) {
+    detail::Locked([&](detail::World& w) { w.failures[function] = detail::FailureRule{error, skip}; });
 }
 
 } // namespace fakeusb

@@ -1,5 +1,5 @@
 // The libusb functions for contexts, poll descriptors, time-outs and event
-// handling, and libusb's error texts.
+// handling.
 
 #include <fcntl.h>
 #include <libusb.h>
@@ -30,8 +30,7 @@ void ReportLeftovers(World& w, const libusb_context* context) {
     for (auto& d : w.devices) {
         refs += d->context == context ? d->refs : 0;
     }
-    for (auto& entry : w.transfers) {
-        TransferState& state = entry.second;
+    for (auto& [transfer, state] : w.transfers) {
         if (state.phase != TransferState::Phase::Idle && state.handle->device->context == context) {
             transfers++;
             state.phase = TransferState::Phase::Idle;
@@ -43,31 +42,9 @@ void ReportLeftovers(World& w, const libusb_context* context) {
     }
 }
 
-int Milliseconds(const timeval& tv) {
-    return static_cast<int>(tv.tv_sec * 1000 + (tv.tv_usec + 999) / 1000);
-}
-
-// How many completions this call delivers: those queued now, after waiting
-// up to `tv` for one if none is. Later ones wait for the next call, as with
-// libusb, so a callback that resubmits cannot keep one call going forever.
-size_t CompletionsDue(libusb_context* context, const timeval& tv) {
-    World& w = TheWorld();
-    int fd = -1;
-    {
-        Lock lock(w.mutex);
-        if (!context->completions.empty() || Milliseconds(tv) <= 0) {
-            return context->completions.size();
-        }
-        fd = context->readFd;
-    }
-    pollfd p{fd, POLLIN, 0};
-    poll(&p, 1, Milliseconds(tv));
-    Lock lock(w.mutex);
-    return context->live ? context->completions.size() : 0;
-}
-
 // Takes the next queued completion and writes its outcome into the transfer;
-// null when none is left.
+// null when none is left. The pipe is drained with the queue's last entry, so
+// it is readable exactly while completions are queued.
 libusb_transfer* TakeCompletion(libusb_context* context) {
     World& w = TheWorld();
     Lock lock(w.mutex);
@@ -76,6 +53,11 @@ libusb_transfer* TakeCompletion(libusb_context* context) {
     }
     libusb_transfer* t = context->completions.front();
     context->completions.pop_front();
+    if (context->completions.empty()) {
+        char bytes[16];
+        while (read(context->readFd, bytes, sizeof bytes) > 0) {
+        }
+    }
     TransferState& state = w.transfers[t];
     const Outcome& o = state.outcome;
     t->status = static_cast<libusb_transfer_status>(o.status);
@@ -87,170 +69,97 @@ libusb_transfer* TakeCompletion(libusb_context* context) {
     return t;
 }
 
-struct ErrorText {
-    int code;
-    const char* name;
-    const char* text;
-};
-
-constexpr ErrorText kErrors[] = {
-    {LIBUSB_SUCCESS, "LIBUSB_SUCCESS / LIBUSB_TRANSFER_COMPLETED", "Success"},
-    {LIBUSB_ERROR_IO, "LIBUSB_ERROR_IO", "Input/Output Error"},
-    {LIBUSB_ERROR_INVALID_PARAM, "LIBUSB_ERROR_INVALID_PARAM", "Invalid parameter"},
-    {LIBUSB_ERROR_ACCESS, "LIBUSB_ERROR_ACCESS", "Access denied (insufficient permissions)"},
-    {LIBUSB_ERROR_NO_DEVICE, "LIBUSB_ERROR_NO_DEVICE", "No such device (it may have been disconnected)"},
-    {LIBUSB_ERROR_NOT_FOUND, "LIBUSB_ERROR_NOT_FOUND", "Entity not found"},
-    {LIBUSB_ERROR_BUSY, "LIBUSB_ERROR_BUSY", "Resource busy"},
-    {LIBUSB_ERROR_TIMEOUT, "LIBUSB_ERROR_TIMEOUT", "Operation timed out"},
-    {LIBUSB_ERROR_OVERFLOW, "LIBUSB_ERROR_OVERFLOW", "Overflow"},
-    {LIBUSB_ERROR_PIPE, "LIBUSB_ERROR_PIPE", "Pipe error"},
-    {LIBUSB_ERROR_INTERRUPTED, "LIBUSB_ERROR_INTERRUPTED", "System call interrupted (perhaps due to signal)"},
-    {LIBUSB_ERROR_NO_MEM, "LIBUSB_ERROR_NO_MEM", "Insufficient memory"},
-    {LIBUSB_ERROR_NOT_SUPPORTED, "LIBUSB_ERROR_NOT_SUPPORTED",
-     "Operation not supported or unimplemented on this platform"},
-    {LIBUSB_ERROR_OTHER, "LIBUSB_ERROR_OTHER", "Other error"},
-    // libusb_error_name also names transfer statuses.
-    {LIBUSB_TRANSFER_ERROR, "LIBUSB_TRANSFER_ERROR", nullptr},
-    {LIBUSB_TRANSFER_TIMED_OUT, "LIBUSB_TRANSFER_TIMED_OUT", nullptr},
-    {LIBUSB_TRANSFER_CANCELLED, "LIBUSB_TRANSFER_CANCELLED", nullptr},
-    {LIBUSB_TRANSFER_STALL, "LIBUSB_TRANSFER_STALL", nullptr},
-    {LIBUSB_TRANSFER_NO_DEVICE, "LIBUSB_TRANSFER_NO_DEVICE", nullptr},
-    {LIBUSB_TRANSFER_OVERFLOW, "LIBUSB_TRANSFER_OVERFLOW", nullptr},
-};
-
-const ErrorText* FindError(int code) {
-    for (const ErrorText& e : kErrors) {
-        if (e.code == code) {
-            return &e;
-        }
-    }
-    return nullptr;
-}
-
 } // namespace
 
 extern "C" {
 
 int LIBUSB_CALL libusb_init(libusb_context** ctx) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    w.Record("libusb_init()");
-    int error = 0;
-    if (w.Inject(Function::Init, &error)) {
-        return error;
-    }
-    if (ctx == nullptr) {
-        w.Misuse("libusb_init: the default (null) context is not supported by the double");
-        return LIBUSB_ERROR_INVALID_PARAM;
-    }
-    int fds[2];
-    if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) {
-        return LIBUSB_ERROR_OTHER;
-    }
-    auto context = std::make_unique<libusb_context>();
-    context->readFd = fds[0];
-    context->writeFd = fds[1];
-    *ctx = context.get();
-    w.contexts.push_back(std::move(context));
-    return 0;
+    return Locked([&](World& w) -> int {
+        w.calls.push_back("libusb_init()");
+        if (std::optional<int> error = w.Inject(Function::Init)) {
+            return *error;
+        }
+        int fds[2];
+        if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) {
+            return LIBUSB_ERROR_OTHER;
+        }
+        libusb_context* context = w.contexts.emplace_back(std::make_unique<libusb_context>()).get();
+        context->readFd = fds[0];
+        context->writeFd = fds[1];
+        *ctx = context;
+        return 0;
+    });
 }
 
 void LIBUSB_CALL libusb_exit(libusb_context* ctx) {
     World& w = TheWorld();
     std::unique_lock<std::mutex> lock(w.mutex);
-    w.Record("libusb_exit()");
     if (!w.LiveContext(ctx, "libusb_exit")) {
         return;
     }
     ReportLeftovers(w, ctx);
     ctx->live = false;
     ctx->completions.clear();
-    std::vector<int> fds{ctx->readFd};
-    for (const libusb_pollfd& p : ctx->extraFds) {
-        fds.push_back(p.fd);
-    }
-    libusb_pollfd_removed_cb removed = ctx->removed;
-    void* data = ctx->notifierData;
-    const int readFd = ctx->readFd;
-    const int writeFd = ctx->writeFd;
     lock.unlock();
-    // libusb announces the removal of its descriptors before closing them.
-    for (int fd : fds) {
-        if (removed != nullptr) {
-            removed(fd, data);
-        }
+    // libusb announces the removal of its descriptor before closing it.
+    if (ctx->removed != nullptr) {
+        ctx->removed(ctx->readFd, ctx->notifierData);
     }
-    close(readFd);
-    close(writeFd);
+    close(ctx->readFd);
+    close(ctx->writeFd);
 }
 
 void LIBUSB_CALL libusb_set_debug(libusb_context* ctx, int level) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    w.Record(Format("libusb_set_debug(%d)", level));
-    w.LiveContext(ctx, "libusb_set_debug");
+    Locked([&](World& w) {
+        w.calls.push_back(Format("libusb_set_debug(%d)", level));
+        w.LiveContext(ctx, "libusb_set_debug");
+    });
 }
 
-void LIBUSB_CALL libusb_set_pollfd_notifiers(libusb_context* ctx, libusb_pollfd_added_cb added_cb,
+// Only removals are announced: the context's one descriptor is there from the
+// start, for libusb_get_pollfds to list.
+void LIBUSB_CALL libusb_set_pollfd_notifiers(libusb_context* ctx, libusb_pollfd_added_cb,
                                              libusb_pollfd_removed_cb removed_cb, void* user_data) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    if (w.LiveContext(ctx, "libusb_set_pollfd_notifiers")) {
-        ctx->added = added_cb;
-        ctx->removed = removed_cb;
-        ctx->notifierData = user_data;
-    }
+    Locked([&](World& w) {
+        if (w.LiveContext(ctx, "libusb_set_pollfd_notifiers")) {
+            ctx->removed = removed_cb;
+            ctx->notifierData = user_data;
+        }
+    });
 }
 
+// One block holding the null-terminated pointer array and the entry, so that
+// the caller's free() of the list releases all of it.
 const libusb_pollfd** LIBUSB_CALL libusb_get_pollfds(libusb_context* ctx) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    int error = 0;
-    if (!w.LiveContext(ctx, "libusb_get_pollfds") || w.Inject(Function::GetPollfds, &error)) {
+    struct Block {
+        const libusb_pollfd* list[2];
+        libusb_pollfd entry;
+    };
+    if (!Locked([&](World& w) { return w.LiveContext(ctx, "libusb_get_pollfds"); })) {
         return nullptr;
     }
-    std::vector<libusb_pollfd> fds{{ctx->readFd, POLLIN}};
-    fds.insert(fds.end(), ctx->extraFds.begin(), ctx->extraFds.end());
-    // One block holding the null-terminated pointer array and the entries,
-    // so that the caller's free() of the list releases all of it.
-    const size_t pointers = (fds.size() + 1) * sizeof(libusb_pollfd*);
-    auto* block = static_cast<unsigned char*>(malloc(pointers + fds.size() * sizeof(libusb_pollfd)));
-    if (block == nullptr) {
-        return nullptr;
-    }
-    auto** list = reinterpret_cast<const libusb_pollfd**>(block);
-    auto* entries = reinterpret_cast<libusb_pollfd*>(block + pointers);
-    for (size_t i = 0; i < fds.size(); i++) {
-        entries[i] = fds[i];
-        list[i] = &entries[i];
-    }
-    list[fds.size()] = nullptr;
-    w.pollfdListsHandedOut++;
-    return list;
-}
-
-void LIBUSB_CALL libusb_free_pollfds(const libusb_pollfd** pollfds) {
-    free(static_cast<void*>(pollfds));
+    auto* block = static_cast<Block*>(malloc(sizeof(Block)));
+    *block = Block{{&block->entry, nullptr}, {ctx->readFd, POLLIN}}; // the descriptor is fixed: no lock needed
+    return block->list;
 }
 
 int LIBUSB_CALL libusb_get_next_timeout(libusb_context* ctx, timeval* tv) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    int error = 0;
-    if (!w.LiveContext(ctx, "libusb_get_next_timeout")) {
-        return LIBUSB_ERROR_INVALID_PARAM;
-    }
-    if (w.Inject(Function::GetNextTimeout, &error)) {
-        return error;
-    }
-    if (!w.nextTimeout) {
-        return 0;
-    }
-    *tv = *w.nextTimeout;
-    return 1;
+    return Locked([&](World& w) -> int {
+        if (!w.LiveContext(ctx, "libusb_get_next_timeout")) {
+            return LIBUSB_ERROR_INVALID_PARAM;
+        }
+        if (std::optional<int> error = w.Inject(Function::GetNextTimeout)) {
+            return *error;
+        }
+        *tv = w.nextTimeout.value_or(*tv);
+        return w.nextTimeout.has_value();
+    });
 }
 
-int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context* ctx, timeval* tv, int* completed) {
+// Delivers the completions queued once the hook has run; later ones wait for
+// the next call, as with libusb, so a callback that resubmits cannot keep one
+// call going for ever. Callers poll first: the time value is not waited on.
+int LIBUSB_CALL libusb_handle_events_timeout(libusb_context* ctx, timeval*) {
     World& w = TheWorld();
     std::function<void()> hook;
     {
@@ -258,51 +167,21 @@ int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context* ctx, time
         if (!w.LiveContext(ctx, "libusb_handle_events_timeout")) {
             return LIBUSB_ERROR_INVALID_PARAM;
         }
-        if (tv == nullptr) {
-            w.Misuse("libusb_handle_events_timeout: null time value");
-            return LIBUSB_ERROR_INVALID_PARAM;
-        }
-        w.handleEventsCalls++;
-        int error = 0;
-        if (w.Inject(Function::HandleEvents, &error)) {
-            return error;
-        }
-        if (completed != nullptr && *completed) {
-            return 0;
+        if (std::optional<int> error = w.Inject(Function::HandleEvents)) {
+            return *error;
         }
         hook = w.handleEventsHook;
     }
     if (hook) {
         hook();
     }
-    for (size_t due = CompletionsDue(ctx, *tv); due > 0; due--) {
-        libusb_transfer* t = TakeCompletion(ctx);
-        if (t == nullptr) {
-            break;
-        }
+    size_t due = Locked([&](World&) { return ctx->completions.size(); });
+    for (libusb_transfer* t; due > 0 && (t = TakeCompletion(ctx)) != nullptr; due--) {
         if (t->callback != nullptr) {
             t->callback(t);
         }
     }
-    Lock lock(w.mutex);
-    if (ctx->live && ctx->completions.empty()) {
-        World::DrainPipe(ctx);
-    }
     return 0;
-}
-
-int LIBUSB_CALL libusb_handle_events_timeout(libusb_context* ctx, timeval* tv) {
-    return libusb_handle_events_timeout_completed(ctx, tv, nullptr);
-}
-
-const char* LIBUSB_CALL libusb_error_name(int errcode) {
-    const ErrorText* e = FindError(errcode);
-    return e != nullptr ? e->name : "**UNKNOWN**";
-}
-
-const char* LIBUSB_CALL libusb_strerror(int errcode) {
-    const ErrorText* e = FindError(errcode);
-    return e != nullptr && e->text != nullptr ? e->text : "Unknown error";
 }
 
 } // extern "C"

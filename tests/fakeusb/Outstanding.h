@@ -19,7 +19,6 @@ struct Outstanding {
 };
 
 bool operator==(const Outstanding& a, const Outstanding& b);
-bool operator!=(const Outstanding& a, const Outstanding& b);
 std::ostream& operator<<(std::ostream& out, const Outstanding& o);
 
 } // namespace fakeusb

@@ -10,22 +10,24 @@ using namespace detail;
 
 namespace {
 
-using Lock = std::lock_guard<std::mutex>;
-
 // The transfer now in flight under submission `id`, or null.
 libusb_transfer* FindInFlight(World& w, int id) {
-    for (auto& entry : w.transfers) {
-        if (entry.second.submissionId == id && entry.second.phase == TransferState::Phase::InFlight) {
-            return entry.first;
+    for (auto& [transfer, state] : w.transfers) {
+        if (state.submissionId == id && state.phase == TransferState::Phase::InFlight) {
+            return transfer;
         }
     }
     return nullptr;
 }
 
-// The outcome a test describes, checked against the submission: bytes go only
-// to device-to-host transfers, and only as many as the buffer holds.
-std::optional<Outcome> MakeOutcome(const Submission& s, int status, const std::vector<uint8_t>& data,
+// The outcome a test describes for in-flight submission `id`, checked: bytes
+// go only to device-to-host transfers, and only as many as the buffer holds.
+std::optional<Outcome> MakeOutcome(World& w, int id, int status, const std::vector<uint8_t>& data,
                                    int actualLength) {
+    if (FindInFlight(w, id) == nullptr) {
+        return std::nullopt;
+    }
+    const Submission& s = w.submissions[id - 1];
     const int offset = s.IsControl() ? static_cast<int>(LIBUSB_CONTROL_SETUP_SIZE) : 0;
     const int capacity = s.length - offset;
     if ((!s.IsIn() && !data.empty()) || static_cast<int>(data.size()) > capacity) {
@@ -39,31 +41,25 @@ std::optional<Outcome> MakeOutcome(const Submission& s, int status, const std::v
 
 } // namespace
 
-bool Submission::IsIn() const {
-    return IsControl() ? (setup.requestType & LIBUSB_ENDPOINT_IN) != 0 : (endpoint & LIBUSB_ENDPOINT_IN) != 0;
-}
-
 std::vector<Submission> Transfers::Submitted() {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    return w.submissions;
+    return Locked([](World& w) { return w.submissions; });
 }
 
 std::vector<Submission> Transfers::InFlight() {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    std::vector<int> ids;
-    for (auto& entry : w.transfers) {
-        if (entry.second.phase == TransferState::Phase::InFlight) {
-            ids.push_back(entry.second.submissionId);
+    return Locked([](World& w) {
+        std::vector<int> ids;
+        for (auto& [transfer, state] : w.transfers) {
+            if (state.phase == TransferState::Phase::InFlight) {
+                ids.push_back(state.submissionId);
+            }
         }
-    }
-    std::sort(ids.begin(), ids.end());
-    std::vector<Submission> inFlight;
-    for (int id : ids) {
-        inFlight.push_back(w.submissions[id - 1]);
-    }
-    return inFlight;
+        std::sort(ids.begin(), ids.end());
+        std::vector<Submission> inFlight;
+        for (int id : ids) {
+            inFlight.push_back(w.submissions[id - 1]);
+        }
+        return inFlight;
+    });
 }
 
 std::optional<Submission> Transfers::OldestInFlight(unsigned char endpoint) {
@@ -76,18 +72,14 @@ std::optional<Submission> Transfers::OldestInFlight(unsigned char endpoint) {
 }
 
 bool Transfers::Complete(int id, int status, const std::vector<uint8_t>& data, int actualLength) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    libusb_transfer* transfer = FindInFlight(w, id);
-    if (transfer == nullptr) {
-        return false;
-    }
-    std::optional<Outcome> outcome = MakeOutcome(w.submissions[id - 1], status, data, actualLength);
-    if (!outcome) {
-        return false;
-    }
-    w.Queue(transfer, w.transfers[transfer], std::move(*outcome));
-    return true;
+    return Locked([&](World& w) {
+        std::optional<Outcome> outcome = MakeOutcome(w, id, status, data, actualLength);
+        if (outcome) {
+            libusb_transfer* transfer = FindInFlight(w, id);
+            w.Queue(transfer, w.transfers[transfer], std::move(*outcome));
+        }
+        return outcome.has_value();
+    });
 }
 
 bool Transfers::CompleteOldest(unsigned char endpoint, int status, const std::vector<uint8_t>& data,
@@ -97,25 +89,18 @@ bool Transfers::CompleteOldest(unsigned char endpoint, int status, const std::ve
 }
 
 bool Transfers::SetCancelled(int id, int actualLength, const std::vector<uint8_t>& data) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    libusb_transfer* transfer = FindInFlight(w, id);
-    if (transfer == nullptr) {
-        return false;
-    }
-    std::optional<Outcome> outcome =
-        MakeOutcome(w.submissions[id - 1], LIBUSB_TRANSFER_CANCELLED, data, actualLength);
-    if (!outcome) {
-        return false;
-    }
-    w.transfers[transfer].cancelled = std::move(*outcome);
-    return true;
+    return Locked([&](World& w) {
+        std::optional<Outcome> outcome = MakeOutcome(w, id, LIBUSB_TRANSFER_CANCELLED, data, actualLength);
+        if (outcome) {
+            w.transfers[FindInFlight(w, id)].cancelled = std::move(*outcome);
+        }
+        return outcome.has_value();
+    });
 }
 
 void Transfers::SetResponder(std::function<void(const Submission&)> responder) {
-    World& w = TheWorld();
-    Lock lock(w.mutex);
-    w.responder = std::move(responder);
+    Locked([&](World& w) { w.responder = std::move(responder); });
 }
 
 } // namespace fakeusb
+

@@ -9,28 +9,23 @@
 
 namespace fakeusb {
 
-// A control transfer's setup packet, decoded (host byte order).
-struct ControlSetup {
-    uint8_t requestType = 0;
-    uint8_t request = 0;
-    uint16_t value = 0;
-    uint16_t index = 0;
-    uint16_t length = 0;
-};
-
 // A copy of one accepted libusb_submit_transfer, taken at submission.
 struct Submission {
+    // A control transfer's setup packet: the fields tests tell requests by.
+    struct Setup {
+        uint8_t requestType = 0;
+        uint8_t request = 0;
+    };
+
     int id = 0;               // 1, 2, 3... in submission order; a resubmission gets a new id
     int deviceId = 0;         // the Bus id of the device
-    int bus = 0;
-    int address = 0;
     unsigned char endpoint = 0;
     unsigned char type = 0;   // LIBUSB_TRANSFER_TYPE_*
     int length = 0;           // transfer->length (for control: 8 + wLength)
     unsigned int timeout = 0; // milliseconds, 0 for none
-    ControlSetup setup;       // control transfers only
-    // False for a bulk or interrupt endpoint of no interface the handle has
-    // claimed: the kernel claims it behind libusb's back and warns.
+    Setup setup;              // control transfers only
+    // False for a bulk endpoint of no interface the handle has claimed: the
+    // kernel claims it behind libusb's back and warns.
     bool interfaceClaimed = true;
     // The bytes sent: a bulk OUT transfer's buffer, a host-to-device control
     // transfer's data stage (without the setup packet). Empty for IN.
@@ -38,7 +33,7 @@ struct Submission {
 
     bool IsControl() const { return type == LIBUSB_TRANSFER_TYPE_CONTROL; }
     // Device-to-host: an IN endpoint, or a control request with bit 7 set.
-    bool IsIn() const;
+    bool IsIn() const { return ((IsControl() ? setup.requestType : endpoint) & LIBUSB_ENDPOINT_IN) != 0; }
 };
 
 // The transfers in flight and how they end. A submitted transfer stays in

@@ -3,12 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 namespace fakeusb::detail {
+
+std::mutex World::mutex;
 
 World& TheWorld() {
     static World world;
@@ -24,95 +25,74 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
-void World::Record(std::string call) {
-    calls.push_back(std::move(call));
-}
-
 void World::Misuse(const std::string& what) {
-    misuses.push_back(what);
-    if (misusesFailTests) {
-        ADD_FAILURE() << "libusb misuse: " << what;
-    }
+    ADD_FAILURE() << "libusb misuse: " << what;
 }
 
-bool World::Inject(Function function, int* error) {
+std::optional<int> World::Inject(Function function) {
     auto it = failures.find(function);
-    if (it == failures.end()) {
-        return false;
+    if (it == failures.end() || it->second.skip-- > 0) {
+        return std::nullopt;
     }
-    FailureRule& rule = it->second;
-    if (rule.skip > 0) {
-        rule.skip--;
-        return false;
-    }
-    if (rule.count == 0) {
-        return false;
-    }
-    if (rule.count > 0) {
-        rule.count--;
-    }
-    *error = rule.error;
-    return true;
+    const int error = it->second.error;
+    failures.erase(it);
+    return error;
 }
 
 bool World::LiveContext(const libusb_context* context, const char* function) {
-    auto it = std::find_if(contexts.begin(), contexts.end(), [&](auto& c) { return c.get() == context; });
-    if (context == nullptr) {
-        Misuse(Format("%s: the default (null) context is not supported by the double", function));
-    } else if (it == contexts.end()) {
-        Misuse(Format("%s: unknown context", function));
-    } else if (!context->live) {
-        Misuse(Format("%s: context used after libusb_exit", function));
-    } else {
-        return true;
+    const bool live = context != nullptr && context->live;
+    if (!live) {
+        Misuse(Format("%s: %s context", function, context == nullptr ? "null" : "ended (libusb_exit)"));
     }
-    return false;
+    return live;
 }
 
 bool World::HeldDevice(const libusb_device* device, const char* function) {
-    auto it = std::find_if(devices.begin(), devices.end(), [&](auto& d) { return d.get() == device; });
-    if (it == devices.end()) {
-        Misuse(Format("%s: unknown device", function));
-    } else if (device->refs == 0) {
+    const bool held = device != nullptr && device->refs > 0;
+    if (!held) {
         Misuse(Format("%s: device %s used without holding a reference", function, NameOf(device).c_str()));
-    } else {
-        return true;
     }
-    return false;
+    return held;
 }
 
 bool World::OpenHandle(const libusb_device_handle* handle, const char* function) {
-    auto it = std::find_if(handles.begin(), handles.end(), [&](auto& h) { return h.get() == handle; });
-    if (it == handles.end()) {
-        Misuse(Format("%s: unknown device handle", function));
-    } else if (!handle->open) {
+    const bool open = handle != nullptr && handle->open;
+    if (!open) {
         Misuse(Format("%s: handle of %s used after libusb_close", function, NameOf(handle).c_str()));
-    } else {
-        return true;
     }
-    return false;
+    return open;
 }
 
-std::string World::NameOf(const libusb_device* device) const {
-    for (auto& d : devices) {
-        if (d.get() == device) {
-            return Format("%u:%u", device->physical->description.bus, device->physical->description.address);
-        }
+std::optional<int> World::Enter(const char* name, libusb_device* device, const std::string& args,
+                                std::optional<Function> failure) {
+    calls.push_back(Format("%s(%s%s)", name, NameOf(device).c_str(), args.c_str()));
+    if (!HeldDevice(device, name)) {
+        return LIBUSB_ERROR_INVALID_PARAM;
     }
-    return "?";
+    return failure ? Inject(*failure) : std::nullopt;
 }
 
-std::string World::NameOf(const libusb_device_handle* handle) const {
-    for (auto& h : handles) {
-        if (h.get() == handle) {
-            return NameOf(handle->device);
-        }
+std::optional<int> World::Enter(const char* name, libusb_device_handle* handle, const std::string& args,
+                                std::optional<Function> failure) {
+    calls.push_back(Format("%s(%s%s)", name, NameOf(handle).c_str(), args.c_str()));
+    if (!OpenHandle(handle, name)) {
+        return LIBUSB_ERROR_INVALID_PARAM;
     }
-    return "?";
+    if (std::optional<int> error = failure ? Inject(*failure) : std::nullopt) {
+        return error;
+    }
+    if (!handle->device->physical->present) {
+        return LIBUSB_ERROR_NO_DEVICE;
+    }
+    return std::nullopt;
 }
 
-PhysicalDevice* World::Physical(int id) const {
-    return id >= 1 && id <= static_cast<int>(physical.size()) ? physical[id - 1].get() : nullptr;
+std::string World::NameOf(const libusb_device* device) {
+    return device != nullptr ? Format("%u:%u", device->physical->spec.bus, device->physical->spec.address) : "?";
+}
+
+std::string World::NameOf(const libusb_device_handle* handle) {
+    return NameOf(handle != nullptr ? handle->device : nullptr);
 }
 
 libusb_device* World::DeviceFor(libusb_context* context, PhysicalDevice* device) {
@@ -134,15 +114,9 @@ void World::Queue(libusb_transfer* transfer, TransferState& state, Outcome outco
     if (context->completions.empty()) {
         char byte = 0;
         ssize_t written = write(context->writeFd, &byte, 1);
-        (void)written; // a pipe with one byte in it has room for it
+        (void)written; // the pipe is empty: it has room for one byte
     }
     context->completions.push_back(transfer);
-}
-
-void World::DrainPipe(const libusb_context* context) {
-    char bytes[16];
-    while (read(context->readFd, bytes, sizeof bytes) > 0) {
-    }
 }
 
 void World::Clear() {
@@ -158,24 +132,7 @@ void World::Clear() {
     for (libusb_device** list : deviceLists) {
         free(list);
     }
-    physical.clear();
-    bus.clear();
-    contexts.clear();
-    devices.clear();
-    handles.clear();
-    deviceLists.clear();
-    configs.clear();
-    transfers.clear();
-    submissions.clear();
-    failures.clear();
-    nextTimeout.reset();
-    responder = nullptr;
-    handleEventsHook = nullptr;
-    calls.clear();
-    misuses.clear();
-    misusesFailTests = true;
-    pollfdListsHandedOut = 0;
-    handleEventsCalls = 0;
+    *this = World();
 }
 
 } // namespace fakeusb::detail

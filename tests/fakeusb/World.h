@@ -2,8 +2,8 @@
 
 // The state behind the fake libusb functions and the test API, all of it
 // under one mutex. Internal to the double: tests use what FakeUsb.h gathers.
-// The double never calls out (transfer callbacks, responders, hooks,
-// notifiers) while holding the mutex, so those may call back in.
+// The double never calls out (transfer callbacks, responder, hook, removal
+// notifier) while holding the mutex, so those may call back in.
 
 #include <libusb.h>
 #include <sys/time.h>
@@ -24,13 +24,12 @@
 
 namespace fakeusb::detail {
 
-// One device on the bus, shared by the libusb_device of every context.
+// One device on the bus, shared by the libusb_device of every context. Its
+// spec's configuration and kernel driver state change as libusb calls say.
 struct PhysicalDevice {
     int id;
-    DeviceSpec description;
+    DeviceSpec spec;
     bool present;
-    int configuration;
-    int kernelDriverActive;
 };
 
 // How a transfer ends when its completion is delivered.
@@ -54,21 +53,19 @@ struct TransferState {
 struct ConfigStorage {
     libusb_config_descriptor config{};
     std::vector<libusb_interface> interfaces;
-    std::vector<std::vector<libusb_interface_descriptor>> altSettings;
-    std::vector<std::vector<std::vector<libusb_endpoint_descriptor>>> endpoints;
+    std::deque<std::vector<libusb_interface_descriptor>> altSettings; // per interface
+    std::deque<std::vector<libusb_endpoint_descriptor>> endpoints;    // per alternate setting
 };
 
 struct FailureRule {
     int error;
-    int count;
     int skip;
 };
 
 struct World {
-    std::mutex mutex;
+    static std::mutex mutex; // static: Clear starts the world afresh by assignment
 
-    std::vector<std::unique_ptr<PhysicalDevice>> physical; // by id - 1
-    std::vector<PhysicalDevice*> bus;                      // present, in list order
+    std::vector<std::unique_ptr<PhysicalDevice>> physical; // by id - 1, in list order
     // libusb objects stay allocated until Reset, so that a stale pointer is
     // reported as a misuse instead of crashing the test.
     std::vector<std::unique_ptr<libusb_context>> contexts;
@@ -83,40 +80,47 @@ struct World {
     std::optional<timeval> nextTimeout;
     std::function<void(const Submission&)> responder;
     std::function<void()> handleEventsHook;
-
     std::vector<std::string> calls;
-    std::vector<std::string> misuses;
-    bool misusesFailTests = true;
-    int pollfdListsHandedOut = 0;
-    int handleEventsCalls = 0;
 
     // Everything below runs with `mutex` held.
-    void Record(std::string call);
     void Misuse(const std::string& what);
-    // True (with *error set) when a scripted failure applies to this call.
-    bool Inject(Function function, int* error);
+    // The scripted error for this call of `function`, if one is due.
+    std::optional<int> Inject(Function function);
 
     // Validity checks; each reports a misuse by `function` when it fails.
     bool LiveContext(const libusb_context* context, const char* function);
     bool HeldDevice(const libusb_device* device, const char* function);
     bool OpenHandle(const libusb_device_handle* handle, const char* function);
-    // "bus:address", or "?" for a pointer the double does not know.
-    std::string NameOf(const libusb_device* device) const;
-    std::string NameOf(const libusb_device_handle* handle) const;
+    // The prologue of a recorded libusb call on a device or handle: records
+    // "name(bus:address<args>)", then gives the call's answer when it must
+    // not go ahead (misuse, scripted failure, or for a handle, device gone).
+    std::optional<int> Enter(const char* name, libusb_device* device, const std::string& args,
+                             std::optional<Function> failure);
+    std::optional<int> Enter(const char* name, libusb_device_handle* handle, const std::string& args,
+                             std::optional<Function> failure);
+    // "bus:address", or "?" for null.
+    static std::string NameOf(const libusb_device* device);
+    static std::string NameOf(const libusb_device_handle* handle);
 
-    PhysicalDevice* Physical(int id) const;
     // The context's libusb_device for a physical device, made on first listing.
     libusb_device* DeviceFor(libusb_context* context, PhysicalDevice* physical);
     // Marks the transfer completing and queues it on its context, making the
     // context's poll descriptor readable.
     void Queue(libusb_transfer* transfer, TransferState& state, Outcome outcome);
-    static void DrainPipe(const libusb_context* context);
 
     void Clear();
 };
 
 World& TheWorld();
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// f(world), under the world's lock.
+template <typename F>
+auto Locked(F f) {
+    World& w = TheWorld();
+    std::lock_guard<std::mutex> lock(w.mutex);
+    return f(w);
+}
 
 } // namespace fakeusb::detail
 
@@ -125,10 +129,8 @@ struct libusb_context {
     int readFd = -1;
     int writeFd = -1;
     bool live = true;
-    libusb_pollfd_added_cb added = nullptr;
     libusb_pollfd_removed_cb removed = nullptr;
     void* notifierData = nullptr;
-    std::vector<libusb_pollfd> extraFds;
     std::deque<libusb_transfer*> completions;
     std::map<fakeusb::detail::PhysicalDevice*, libusb_device*> devices;
 };

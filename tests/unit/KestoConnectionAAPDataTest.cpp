@@ -91,7 +91,7 @@ TEST_F(AccessoryConnection, SilentPhoneIsClaimedAgainAndListenedToAgain) {
 TEST_F(AccessoryConnection, HandshakeWriteThatFailsFailsTheConnection) {
     for (const bool refused : {true, false}) {
         if (refused) {
-            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, 1, 1);
+            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, 1);
         }
         ToolkitConnection& connection = AtHandshake(kDeviceHandshake);
         if (!refused) {

@@ -83,7 +83,7 @@ TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
          true},
         {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO); }, KestoBearerErrorFailed,
          {"Unable to get device descriptor with error -1"}, true},
-        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO, 1, 1); }, KestoBearerErrorFailed,
+        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO, 1); }, KestoBearerErrorFailed,
          {"Unable to get device descriptor, error -1"}, true},
     };
     for (const EarlyFailure& failure : failures) {

@@ -207,7 +207,7 @@ TEST_F(AccessoryConnection, FaultsAfterTheSwitchAreRetriedOrReported) {
     for (const auto& [function, error, skip, log, fatal] : faults) {
         PlugPhone();
         ToolkitConnection& connection = Establish();
-        Failures::Fail(function, error, 1, skip);
+        Failures::Fail(function, error, skip);
         toolkit.RunUntil([&] { return connection.Failure() != 0 || Transfers::OldestInFlight(kIn).has_value(); });
         EXPECT_EQ(fatal ? KestoBearerErrorFailed : 0, connection.Failure());
         EXPECT_EQ(!fatal, Transfers::OldestInFlight(kIn).has_value());

@@ -178,7 +178,7 @@ TEST_F(AccessoryConnection, RefusedControlSubmissionFailsTheConnection) {
     };
     for (const auto& [statuses, skip, logged] : refusals) {
         PlugPhone(PhoneScript{{2, 0}, statuses});
-        Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, 1, skip);
+        Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, skip);
         ToolkitConnection& connection = Establish({}, skip == 0 ? KestoBearerErrorFailed : KestoBearerErrorNone);
         if (skip != 0) {
             RunUntilFailed(connection);

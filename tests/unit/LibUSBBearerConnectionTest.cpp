@@ -197,7 +197,7 @@ TEST_F(DeviceSession, AStartUpThatFailsAtAnyStepLeavesNothingBehindOnceDestroyed
         setrlimit(RLIMIT_NOFILE, &tight);
     };
     auto noTransfer = [](int allocationsBefore) {
-        return [=] { Failures::Fail(Function::AllocTransfer, LIBUSB_ERROR_NO_MEM, 1, allocationsBefore); };
+        return [=] { Failures::Fail(Function::AllocTransfer, LIBUSB_ERROR_NO_MEM, allocationsBefore); };
     };
     struct Row { std::function<void()> inject; int result; testing::Matcher<std::string> message; };
     const Row rows[] = {
@@ -338,8 +338,8 @@ TEST_F(TransferEngine, CloseWaitsForEveryTransferHoweverLongItTakes) {
     ASSERT_EQ(SubmitReads(1), 0);
     ASSERT_EQ(Write(Count(4)), 0);
     ASSERT_TRUE(Transfers::CompleteOldest(kIn, LIBUSB_TRANSFER_COMPLETED, {1})); // not handled yet: too late to cancel
-    Failures::Fail(Function::CancelTransfer, LIBUSB_ERROR_IO, 1, /*skip=*/1);   // the write's
-    Failures::Fail(Function::HandleEvents, LIBUSB_ERROR_IO);                    // and the first pass
+    Failures::Fail(Function::CancelTransfer, LIBUSB_ERROR_IO, /*skip=*/1); // the write's
+    Failures::Fail(Function::HandleEvents, LIBUSB_ERROR_IO);                // and the first pass
     int passes = 0; // the device ends the write all the same, a pass later
     Events::SetHandleEventsHook([&] {
         if (++passes == 2) {
@@ -528,7 +528,7 @@ TEST_F(TransferEngine, ReadDataHandsOverChunksInPiecesOfAnySizeAndFreesASlotWith
 }
 
 TEST_F(TransferEngine, ARefusedReadGoesBackToTheIdleSlotsWhileTheOneAheadStaysPending) {
-    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, 1, /*skip=*/1);
+    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, /*skip=*/1);
     EXPECT_EQ(SubmitReads(-1), LIBUSB_ERROR_IO);
     EXPECT_THAT(observer.logs, ElementsAre("Failed to submit libusb transfer for read: libusb error -1"));
     std::vector<Submission> reads = Transfers::InFlight();
