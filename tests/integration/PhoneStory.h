@@ -15,6 +15,8 @@
 KestoBearerInitializeFn PluginEntryPoint();
 Toolkit::Options PluginToolkit();
 int OpenDescriptors();
+// The count once other threads' late closes are done, waiting at most two seconds for expected.
+int OpenDescriptorsOnceSettled(int expected);
 
 Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields = {});
 bool Connected(const ToolkitConnection& connection);
