@@ -59,8 +59,8 @@ bool Claimed(const libusb_device_handle* handle, int interfaceNumber) {
     return std::count(handle->claimed.begin(), handle->claimed.end(), interfaceNumber) > 0;
 }
 
-DeviceSpec& SpecOf(libusb_device_handle* handle) {
-    return handle->device->physical->spec;
+DeviceSpec& DescriptionOf(libusb_device_handle* handle) {
+    return handle->device->physical->description;
 }
 
 // A recorded call on a device or handle: `answer` runs under the lock unless
@@ -125,18 +125,18 @@ void LIBUSB_CALL libusb_unref_device(libusb_device* dev) {
 }
 
 uint8_t LIBUSB_CALL libusb_get_bus_number(libusb_device* dev) {
-    return Locked([&](World& w) { return w.HeldDevice(dev, "libusb_get_bus_number") ? dev->physical->spec.bus : 0; });
+    return Locked([&](World& w) { return w.HeldDevice(dev, "libusb_get_bus_number") ? dev->physical->description.bus : 0; });
 }
 
 uint8_t LIBUSB_CALL libusb_get_device_address(libusb_device* dev) {
     const char* name = "libusb_get_device_address";
-    return Locked([&](World& w) { return w.HeldDevice(dev, name) ? dev->physical->spec.address : 0; });
+    return Locked([&](World& w) { return w.HeldDevice(dev, name) ? dev->physical->description.address : 0; });
 }
 
 // A device that is gone still answers from the descriptors libusb cached.
 int LIBUSB_CALL libusb_get_device_descriptor(libusb_device* dev, libusb_device_descriptor* desc) {
     return Call("libusb_get_device_descriptor", dev, "", Function::GetDeviceDescriptor, [&](World&) {
-        *desc = dev->physical->spec.descriptor;
+        *desc = dev->physical->description.descriptor;
         return 0;
     });
 }
@@ -149,7 +149,7 @@ int LIBUSB_CALL libusb_get_config_descriptor_by_value(libusb_device* dev, uint8_
         if (bConfigurationValue != 1) {
             return LIBUSB_ERROR_NOT_FOUND;
         }
-        std::unique_ptr<ConfigStorage> storage = BuildConfig(dev->physical->spec);
+        std::unique_ptr<ConfigStorage> storage = BuildConfig(dev->physical->description);
         *config = &storage->config;
         w.configs[*config] = std::move(storage);
         return 0;
@@ -167,8 +167,8 @@ void LIBUSB_CALL libusb_free_config_descriptor(libusb_config_descriptor* config)
 int LIBUSB_CALL libusb_get_max_packet_size(libusb_device* dev, unsigned char endpoint) {
     const std::string args = Format(", 0x%02x", endpoint);
     return Call("libusb_get_max_packet_size", dev, args, Function::GetMaxPacketSize, [&](World&) -> int {
-        const Endpoint* e = dev->physical->spec.FindEndpoint(endpoint);
-        if (dev->physical->spec.configuration == 0) {
+        const Endpoint* e = dev->physical->description.FindEndpoint(endpoint);
+        if (dev->physical->description.configuration == 0) {
             return LIBUSB_ERROR_OTHER; // libusb finds no active configuration to look in
         }
         return e != nullptr ? e->maxPacketSize : int{LIBUSB_ERROR_NOT_FOUND};
@@ -215,7 +215,7 @@ int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle* dev_han
                                                    unsigned char* data, int length) {
     const std::string args = Format(", %u", desc_index);
     return Call("libusb_get_string_descriptor_ascii", dev_handle, args, std::nullopt, [&](World&) -> int {
-        const auto& strings = SpecOf(dev_handle).strings;
+        const auto& strings = DescriptionOf(dev_handle).strings;
         auto it = strings.find(desc_index);
         if (it == strings.end()) {
             return LIBUSB_ERROR_PIPE;
@@ -229,7 +229,7 @@ int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle* dev_han
 
 int LIBUSB_CALL libusb_get_configuration(libusb_device_handle* dev_handle, int* config) {
     return Call("libusb_get_configuration", dev_handle, "", Function::GetConfiguration, [&](World&) {
-        *config = SpecOf(dev_handle).configuration;
+        *config = DescriptionOf(dev_handle).configuration;
         return 0;
     });
 }
@@ -240,7 +240,7 @@ int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* dev_handle, int c
         if (!dev_handle->claimed.empty()) {
             return LIBUSB_ERROR_BUSY; // the kernel refuses while an interface is claimed
         }
-        SpecOf(dev_handle).configuration = configuration == 1 ? 1 : 0;
+        DescriptionOf(dev_handle).configuration = configuration == 1 ? 1 : 0;
         return 0;
     });
 }
@@ -248,13 +248,13 @@ int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* dev_handle, int c
 int LIBUSB_CALL libusb_kernel_driver_active(libusb_device_handle* dev_handle, int interface_number) {
     const std::string args = Format(", %d", interface_number);
     return Call("libusb_kernel_driver_active", dev_handle, args, Function::KernelDriverActive,
-                [&](World&) { return SpecOf(dev_handle).kernelDriverActive; });
+                [&](World&) { return DescriptionOf(dev_handle).kernelDriverActive; });
 }
 
 int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* dev_handle, int interface_number) {
     const std::string args = Format(", %d", interface_number);
     return Call("libusb_detach_kernel_driver", dev_handle, args, Function::DetachKernelDriver, [&](World&) -> int {
-        int& active = SpecOf(dev_handle).kernelDriverActive;
+        int& active = DescriptionOf(dev_handle).kernelDriverActive;
         if (active != 1) {
             return active == 0 ? LIBUSB_ERROR_NOT_FOUND : active;
         }
@@ -266,14 +266,14 @@ int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* dev_handle, in
 int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* dev_handle, int interface_number) {
     const std::string args = Format(", %d", interface_number);
     return Call("libusb_claim_interface", dev_handle, args, Function::ClaimInterface, [&](World&) -> int {
-        const DeviceSpec& spec = SpecOf(dev_handle);
-        if (spec.configuration == 0 || spec.FindAltSetting(interface_number, -1) == nullptr) {
+        const DeviceSpec& description = DescriptionOf(dev_handle);
+        if (description.configuration == 0 || description.FindAltSetting(interface_number, -1) == nullptr) {
             return LIBUSB_ERROR_NOT_FOUND;
         }
         if (Claimed(dev_handle, interface_number)) {
             return 0; // libusb answers a repeated claim from its own bookkeeping
         }
-        if (spec.kernelDriverActive == 1) {
+        if (description.kernelDriverActive == 1) {
             return LIBUSB_ERROR_BUSY;
         }
         dev_handle->claimed.push_back(interface_number);
@@ -298,7 +298,7 @@ int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* dev_handl
                                                  int alternate_setting) {
     const std::string args = Format(", %d, %d", interface_number, alternate_setting);
     return Call("libusb_set_interface_alt_setting", dev_handle, args, std::nullopt, [&](World&) -> int {
-        const bool known = SpecOf(dev_handle).FindAltSetting(interface_number, alternate_setting) != nullptr;
+        const bool known = DescriptionOf(dev_handle).FindAltSetting(interface_number, alternate_setting) != nullptr;
         return Claimed(dev_handle, interface_number) && known ? 0 : LIBUSB_ERROR_NOT_FOUND;
     });
 }
@@ -306,7 +306,7 @@ int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* dev_handl
 int LIBUSB_CALL libusb_clear_halt(libusb_device_handle* dev_handle, unsigned char endpoint) {
     const std::string args = Format(", 0x%02x", endpoint);
     return Call("libusb_clear_halt", dev_handle, args, std::nullopt, [&](World&) -> int {
-        return SpecOf(dev_handle).FindEndpoint(endpoint) != nullptr ? 0 : LIBUSB_ERROR_NOT_FOUND;
+        return DescriptionOf(dev_handle).FindEndpoint(endpoint) != nullptr ? 0 : LIBUSB_ERROR_NOT_FOUND;
     });
 }
 

@@ -88,7 +88,7 @@ std::optional<int> World::Enter(const char* name, libusb_device_handle* handle, 
 }
 
 std::string World::NameOf(const libusb_device* device) {
-    return device != nullptr ? Format("%u:%u", device->physical->spec.bus, device->physical->spec.address) : "?";
+    return device != nullptr ? Format("%u:%u", device->physical->description.bus, device->physical->description.address) : "?";
 }
 
 std::string World::NameOf(const libusb_device_handle* handle) {

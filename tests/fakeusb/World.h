@@ -25,10 +25,10 @@
 namespace fakeusb::detail {
 
 // One device on the bus, shared by the libusb_device of every context. Its
-// spec's configuration and kernel driver state change as libusb calls say.
+// description's configuration and kernel driver state change as libusb calls say.
 struct PhysicalDevice {
     int id;
-    DeviceSpec spec;
+    DeviceSpec description;
     bool present;
 };
 
