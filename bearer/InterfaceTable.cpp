@@ -97,8 +97,12 @@ void FillInterfaceTable(KestoBearerInterface* table, size_t size) {
         connectionDestroy,      connectionRead,           connectionWrite,       connectionGetEventHandle,
         connectionGetActivity,  connectionGetProperty,    connectionTimerExpired,
     };
-    // Whole slots only: a table that ends inside a slot keeps that slot as it was.
-    const size_t slot = sizeof full.bearerTerminate;
-    size_t bytes = size / slot * slot;
-    std::memcpy(table, &full, bytes < sizeof full ? bytes : sizeof full);
+    // A table that ends inside a slot keeps that slot as it was.
+    std::memcpy(table, &full, WholeSlotBytes(size, sizeof full));
+}
+
+size_t WholeSlotBytes(size_t givenSize, size_t tableSize) {
+    const size_t slot = sizeof(void (*)());
+    const size_t bytes = givenSize / slot * slot;
+    return bytes < tableSize ? bytes : tableSize;
 }

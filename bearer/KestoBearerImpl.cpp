@@ -13,10 +13,7 @@ KestoBearerImpl::KestoBearerImpl(const char* name, void* bearerContext, KestoBea
     FillInterfaceTable(interfaceTable, interfaceSize);
     std::memset(&support_, 0, sizeof support_);
     if (supportTable != nullptr) {
-        // Whole slots only: half a function pointer would be called as one.
-        const size_t slot = sizeof support_.allocString;
-        size_t bytes = supportSize / slot * slot;
-        std::memcpy(&support_, supportTable, bytes < sizeof support_ ? bytes : sizeof support_);
+        std::memcpy(&support_, supportTable, WholeSlotBytes(supportSize, sizeof support_));
     }
 }
 

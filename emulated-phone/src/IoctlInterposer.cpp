@@ -2,6 +2,7 @@
 
 #include "InPlaceMemory.h"
 #include "IoctlHooks.h"
+#include "RawFstat.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -13,15 +14,10 @@
 namespace emuphone {
 namespace {
 
-// fstat without the preload, which would look the descriptor up in /proc first.
 bool CharacterDevice(int fd, dev_t& rdev)
 {
     struct stat st {};
-#ifdef SYS_fstat
-    if (syscall(SYS_fstat, fd, &st) != 0)
-#else
-    if (syscall(SYS_newfstatat, fd, "", &st, AT_EMPTY_PATH) != 0)
-#endif
+    if (!RawFstat(fd, st))
         return false;
     rdev = st.st_rdev;
     return S_ISCHR(st.st_mode);

@@ -1,4 +1,5 @@
 #include "ReadinessPty.h"
+#include "RawFstat.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -31,13 +32,7 @@ long RawIoctl(int fd, unsigned long request, long argument)
 dev_t RawRdev(int fd)
 {
     struct stat st {};
-#ifdef SYS_fstat
-    if (syscall(SYS_fstat, fd, &st) != 0)
-#else
-    if (syscall(SYS_newfstatat, fd, "", &st, AT_EMPTY_PATH) != 0)
-#endif
-        return 0;
-    return st.st_rdev;
+    return RawFstat(fd, st) ? st.st_rdev : 0;
 }
 
 // A session leader without a terminal that opens the slave the way libusb does

@@ -9,20 +9,11 @@
 
 #include "bearer/KestoBearerImpl.h"
 #include "harness/Toolkit.h"
+#include "support/PatternText.h"
 
 using testing::ElementsAre;
 
 namespace {
-
-// A text whose every character differs from its neighbours, so a cut in the
-// wrong place shows.
-std::string Text(size_t length) {
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += static_cast<char>('a' + i % 26);
-    }
-    return text;
-}
 
 // A bearer whose operations fail by throwing, filled into the toolkit's kind of table.
 class ThrowingBearer : public KestoBearerImpl {
@@ -83,8 +74,8 @@ TEST_F(Bearer, FencesTurnStandardExceptionsIntoALogLineAndAFailure) {
 
 TEST_F(Bearer, LongLogLinesReachTheToolkitCutTo255Characters) {
     for (size_t length : {254, 255, 256, 300}) {
-        bearer.Log("%s", Text(length).c_str());
-        EXPECT_EQ(Text(length).substr(0, 255), toolkit.BearerLog().back()) << length << " characters";
+        bearer.Log("%s", PatternText(length).c_str());
+        EXPECT_EQ(PatternText(length).substr(0, 255), toolkit.BearerLog().back()) << length << " characters";
     }
 }
 

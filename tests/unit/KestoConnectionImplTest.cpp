@@ -10,19 +10,12 @@
 #include "bearer/KestoBearerImpl.h"
 #include "bearer/KestoConnectionImpl.h"
 #include "harness/Toolkit.h"
+#include "support/PatternText.h"
 
 using testing::ElementsAre;
 using Lookup = ToolkitConnection::Lookup;
 
 namespace {
-
-std::string Text(size_t length) {
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += static_cast<char>('a' + i % 26);
-    }
-    return text;
-}
 
 enum class Thrown { Standard, Foreign };
 
@@ -124,8 +117,8 @@ TEST_F(ConnectionFrame, ExceptionsOutsideTheStandardHierarchyPassThrough) {
 
 TEST_F(ConnectionFrame, LongLogLinesReachTheToolkitCutTo255Characters) {
     for (size_t length : {254, 255, 256, 300}) {
-        connection.Log("%s", Text(length).c_str());
-        EXPECT_EQ(Text(length).substr(0, 255), record.Log().back()) << length << " characters";
+        connection.Log("%s", PatternText(length).c_str());
+        EXPECT_EQ(PatternText(length).substr(0, 255), record.Log().back()) << length << " characters";
     }
 }
 
@@ -160,10 +153,10 @@ TEST(ToolkitWithoutConnectionLog, ConnectionMessagesReachTheBearerLogCutTo255Cha
     for (const Toolkit::Options& options : {nullSlot, shortTable}) {
         Toolkit toolkit(options);
         ToolkitConnection& record = toolkit.AddConnection();
-        ThrowingConnection connection(toolkit.Bearer(), record, Thrown::Standard, Text(300));
+        ThrowingConnection connection(toolkit.Bearer(), record, Thrown::Standard, PatternText(300));
         EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionEstablish(&connection));
         EXPECT_THAT(toolkit.BearerLog(),
-                    ElementsAre(("KestoConnectionImpl::Establish caught exception: " + Text(300)).substr(0, 255)));
+                    ElementsAre(("KestoConnectionImpl::Establish caught exception: " + PatternText(300)).substr(0, 255)));
         EXPECT_TRUE(record.Log().empty());
     }
 }
