@@ -21,6 +21,7 @@ namespace {
 
 constexpr int kSettleMs = 50;   // long enough for the thread to have reacted
 constexpr int kWaitMs = 2000;   // a notification that is due arrives well within this
+constexpr int kRebuildMs = 300; // for the thread to take in a changed set, even on a busy machine
 
 int OpenDescriptors() {
     int count = 0;
@@ -105,6 +106,9 @@ TEST_F(EventThread, OneRemovalForgetsADescriptorAddedTwice) {
     compositor->AddFd(usb.ReadEnd(), true, false);
     EXPECT_EQ(compositor->RemoveFd(usb.ReadEnd()), 0);
     EXPECT_EQ(compositor->RemoveFd(12345), 0); // unknown: harmless
+    // A select() already under way still watches the old set; the removal's
+    // wake-up makes the thread drop it, so let that happen first.
+    usleep(kRebuildMs * 1000);
     usb.MakeReady();
     EXPECT_FALSE(Readable(Handle(), kSettleMs));
 }
@@ -148,9 +152,14 @@ TEST_F(EventThread, ASignalDuringTheWaitEndsTheLoopForGood) {
     sigaddset(&usr1, SIGUSR1);
     // Only the event thread can take the signal now.
     pthread_sigmask(SIG_BLOCK, &usr1, &old);
-    usleep(kSettleMs * 1000); // let the thread reach its wait
-    kill(getpid(), SIGUSR1);
+    // The thread waits with nothing to watch, so it spends all its time in
+    // select(); a few signals spread out make sure one lands there even when
+    // the thread is slow to start.
     usleep(kSettleMs * 1000);
+    for (int i = 0; i < 5; ++i) {
+        kill(getpid(), SIGUSR1);
+        usleep(kRebuildMs * 1000 / 5);
+    }
 
     compositor->AddFd(usb.ReadEnd(), true, false);
     usb.MakeReady();
