@@ -21,17 +21,19 @@ namespace {
 
 constexpr int kSettleMs = 50;   // long enough for the thread to have reacted
 constexpr int kWaitMs = 2000;   // a notification that is due arrives well within this
-constexpr int kRebuildMs = 300; // for the thread to take in a changed set, even on a busy machine
 
-int OpenDescriptors() {
+int Entries(const char* directory) {
     int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
+    DIR* dir = opendir(directory);
     while (readdir(dir) != nullptr) {
         count++;
     }
     closedir(dir);
     return count;
 }
+
+int OpenDescriptors() { return Entries("/proc/self/fd"); }
+int Threads() { return Entries("/proc/self/task"); }
 
 bool Readable(int fd, int timeoutMs) {
     pollfd p = {fd, POLLIN, 0};
@@ -106,10 +108,19 @@ TEST_F(EventThread, OneRemovalForgetsADescriptorAddedTwice) {
     compositor->AddFd(usb.ReadEnd(), true, false);
     EXPECT_EQ(compositor->RemoveFd(usb.ReadEnd()), 0);
     EXPECT_EQ(compositor->RemoveFd(12345), 0); // unknown: harmless
-    // A select() already under way still watches the old set; the removal's
-    // wake-up makes the thread drop it, so let that happen first.
-    usleep(kRebuildMs * 1000);
+    // A select() already under way may still watch the old set. A notification
+    // for a descriptor added after the removal proves the thread has moved on;
+    // from then on every set it builds leaves the removed one out.
+    Pipe probe;
+    compositor->AddFd(probe.ReadEnd(), true, false);
+    probe.MakeReady();
+    ASSERT_TRUE(Readable(Handle(), kWaitMs));
+    ASSERT_EQ(Pending(Handle()), 1);
+    char drain[8];
+    ASSERT_EQ(read(probe.ReadEnd(), drain, sizeof drain), 1);
+
     usb.MakeReady();
+    compositor->Rearm();
     EXPECT_FALSE(Readable(Handle(), kSettleMs));
 }
 
@@ -152,14 +163,14 @@ TEST_F(EventThread, ASignalDuringTheWaitEndsTheLoopForGood) {
     sigaddset(&usr1, SIGUSR1);
     // Only the event thread can take the signal now.
     pthread_sigmask(SIG_BLOCK, &usr1, &old);
-    // The thread waits with nothing to watch, so it spends all its time in
-    // select(); a few signals spread out make sure one lands there even when
-    // the thread is slow to start.
-    usleep(kSettleMs * 1000);
-    for (int i = 0; i < 5; ++i) {
+    // A signal that arrives before the thread reaches select() interrupts
+    // nothing, so keep signalling until the thread has ended.
+    const int threads = Threads();
+    for (int waited = 0; Threads() == threads && waited < kWaitMs; waited += kSettleMs / 5) {
         kill(getpid(), SIGUSR1);
-        usleep(kRebuildMs * 1000 / 5);
+        usleep(kSettleMs / 5 * 1000);
     }
+    EXPECT_LT(Threads(), threads);
 
     compositor->AddFd(usb.ReadEnd(), true, false);
     usb.MakeReady();
