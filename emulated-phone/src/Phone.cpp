@@ -167,8 +167,10 @@ void Phone::OnControl(UsbfsDevice& device, const std::shared_ptr<Urb>& urb)
     std::memcpy(&setup, urb->buffer, sizeof setup);
     uint8_t* data = urb->buffer + sizeof setup;
     PhoneControl::Answer answer = control_.Handle(setup, data, device.Layout(), device.Configuration());
-    if (answer.hold)
+    if (answer.hold) {
+        ++report_.heldRequests;
         return;
+    }
     if (setup.bRequestType & USB_DIR_IN) {
         std::copy(answer.reply.begin(), answer.reply.end(), data);
         urb->actual = static_cast<int>(answer.reply.size());

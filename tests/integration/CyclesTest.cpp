@@ -82,8 +82,16 @@ TEST(ConnectionCycles, TwoHundredGiveBackEveryDescriptorAndAllMemory) {
     for (int i = 0; i < kWarmUpCycles; ++i) {
         ASSERT_TRUE(Cycle(phone, i));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the last cycle's late closes
-    const int descriptors = OpenDescriptors();
+    // The last cycle's late closes: the count is taken once it holds still.
+    int descriptors = OpenDescriptors();
+    for (int check = 0; check < 20; ++check) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const int now = OpenDescriptors();
+        if (now == descriptors) {
+            break;
+        }
+        descriptors = now;
+    }
     const size_t heap = HeapInUse();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < kCycles; ++i) {

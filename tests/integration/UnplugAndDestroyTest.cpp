@@ -70,16 +70,24 @@ TEST_F(PhoneStory, PhonePulledWhileAwayIsFoundWhenPluggedBackInAccessoryMode) {
 struct DestroyPoint {
     const char* name;
     std::function<void(PhoneOptions&)> phone;
-    std::optional<PhoneStage> until; // the phone's stage to drive the connection to first
-    int settleMs = 50;
-    bool transferInFlight = true;
+    // Where to drive the connection first: a point in the phone's story, or connected.
+    std::function<bool(const emuphone::PhoneReport&)> until;
+    bool connected = false;
     bool writing = false;
+    int settleMs = 0;
+    bool transferInFlight = true;
 };
 
 class DestroyedAt : public PhoneStory, public testing::WithParamInterface<DestroyPoint> {};
 
 // Never answered: the request stays in flight until the connection cancels it.
 PhoneOptions::ControlFault Unanswered(uint8_t request) { return {request, 1, 0}; }
+
+bool Holding(const emuphone::PhoneReport& report) { return report.heldRequests > 0; }
+
+std::function<bool(const emuphone::PhoneReport&)> Reached(PhoneStage stage) {
+    return [stage](const emuphone::PhoneReport& report) { return report.Reached(stage); };
+}
 
 TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
     const DestroyPoint& point = GetParam();
@@ -90,10 +98,12 @@ TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
     emuphone::EmulatedPhone& phone = Plug(options);
     ToolkitConnection& connection = Connect(phone);
     if (point.until) {
-        ASSERT_TRUE(toolkit->RunUntil([&] { return phone.Report().Reached(*point.until); }));
+        ASSERT_TRUE(toolkit->RunUntil([&] { return point.until(phone.Report()); }));
+    }
+    if (point.connected) {
+        ASSERT_TRUE(RunUntilConnected(connection));
     }
     if (point.writing) {
-        ASSERT_TRUE(RunUntilConnected(connection));
         EXPECT_EQ(1u << 20, toolkit->Write(connection, std::vector<uint8_t>(1 << 20, 0x5A)).length);
     }
     toolkit->RunFor(Ms(point.settleMs));
@@ -106,23 +116,25 @@ TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
     }
 }
 
+// Each point is reached by waiting for it, never by waiting a while: the
+// transfers expected in flight are known to be there when the toolkit gives up.
 INSTANTIATE_TEST_SUITE_P(
     , DestroyedAt,
     testing::Values(
-        DestroyPoint{"RightAfterEstablish", nullptr, std::nullopt, 0, false},
-        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(51)}; },
-                     std::nullopt},
+        DestroyPoint{"RightAfterEstablish", nullptr, nullptr, false, false, 0, false},
+        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(51)}; }, Holding},
         DestroyPoint{"IdentityStringUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(52)}; },
-                     PhoneStage::VersionQueried},
-        DestroyPoint{"StartRequestUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(53)}; },
-                     PhoneStage::IdentityReceived},
+                     Holding},
+        DestroyPoint{"StartRequestUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(53)}; }, Holding},
+        // Searching: nothing is in flight between the steps.
         DestroyPoint{"WhilePhoneIsAway", [](PhoneOptions& o) { o.returnDelay = std::chrono::milliseconds(-1); },
-                     PhoneStage::Detached, 250, false},
+                     Reached(PhoneStage::Detached), false, false, 250, false},
+        // The handshake read goes out with the claim.
         DestroyPoint{"AwaitingTheHandshake", [](PhoneOptions& o) { o.sendHandshake = false; },
-                     PhoneStage::InterfaceClaimed},
-        DestroyPoint{"ConnectedAndIdle", nullptr, PhoneStage::HandshakeDone},
+                     Reached(PhoneStage::InterfaceClaimed)},
+        DestroyPoint{"ConnectedAndIdle", nullptr, nullptr, true},
         DestroyPoint{"WriteHalfTaken", [](PhoneOptions& o) { o.readRule = PhoneOptions::ReadRule::PhoneDriver; },
-                     std::nullopt, 50, true, true}),
+                     nullptr, true, true, 50}),
     [](const testing::TestParamInfo<DestroyPoint>& info) { return info.param.name; });
 
 } // namespace

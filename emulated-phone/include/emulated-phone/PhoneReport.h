@@ -27,6 +27,7 @@ struct PhoneReport {
     int versionQueries = 0;
     int identityRequests = 0;
     int startRequests = 0;
+    int heldRequests = 0; // vendor requests a fault leaves unanswered (not counted above)
     std::array<std::optional<std::string>, kIdentityStrings> identity;
 
     std::vector<uint8_t> hostHandshake; // the first bytes the host wrote, as compared
