@@ -90,9 +90,20 @@ void AddFromString(UMockdevTestbed* testbed, const std::string& record)
     }
 }
 
+UMockdevTestbed* NewTestbed()
+{
+    // GLib makes a few descriptors that live as long as the process the first
+    // time they are needed: the default main context and GTask's thread pool.
+    // umockdev's worker thread would make them at a moment of its own, after a
+    // test may already have counted the process's descriptors.
+    g_main_context_default();
+    g_type_ensure(G_TYPE_TASK);
+    return umockdev_testbed_new();
+}
+
 } // namespace
 
-Testbed::Testbed() : testbed_(umockdev_testbed_new())
+Testbed::Testbed() : testbed_(NewTestbed())
 {
     gchar* root = umockdev_testbed_get_root_dir(testbed_);
     root_ = root;

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -23,16 +24,32 @@ KestoBearerInitializeFn PluginEntryPoint() {
 
 Toolkit::Options PluginToolkit() { return Toolkit::Options{PluginEntryPoint()}; }
 
-int OpenDescriptors() {
+// Each open descriptor as "number=what it refers to".
+std::vector<std::string> DescriptorTargets() {
+    std::vector<std::string> targets;
     DIR* directory = opendir("/proc/self/fd");
-    int count = 0;
-    while (directory != nullptr && readdir(directory) != nullptr) {
-        ++count;
+    for (dirent* entry = directory != nullptr ? readdir(directory) : nullptr; entry != nullptr;
+         entry = readdir(directory)) {
+        char target[256] = {};
+        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        if (entry->d_name[0] != '.' && readlink(path.c_str(), target, sizeof target - 1) > 0) {
+            targets.push_back(std::string(entry->d_name) + "=" + target);
+        }
     }
     if (directory != nullptr) {
         closedir(directory);
     }
-    return count;
+    return targets;
+}
+
+int OpenDescriptors() { return static_cast<int>(DescriptorTargets().size()); }
+
+std::string DescribeDescriptors() {
+    std::string listing;
+    for (const std::string& target : DescriptorTargets()) {
+        listing += " " + target;
+    }
+    return listing;
 }
 
 Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields) {
@@ -118,7 +135,8 @@ void PhoneStory::TearDown() {
     for (emuphone::EmulatedPhone* phone : phones_) {
         phone->Unplug();
     }
-    EXPECT_EQ(descriptorsAtStart, OpenDescriptorsOnceSettled(descriptorsAtStart)) << "descriptors left open";
+    EXPECT_EQ(descriptorsAtStart, OpenDescriptorsOnceSettled(descriptorsAtStart))
+        << "descriptors left open; at start:" << listingAtStart << "\nnow:" << DescribeDescriptors();
 }
 
 // Descriptors are closed a moment late on other threads: a phone pulled by its

@@ -15,6 +15,8 @@
 KestoBearerInitializeFn PluginEntryPoint();
 Toolkit::Options PluginToolkit();
 int OpenDescriptors();
+// Each open descriptor with what it refers to, for a message.
+std::string DescribeDescriptors();
 // The count once other threads' late closes are done, waiting at most two seconds for expected.
 int OpenDescriptorsOnceSettled(int expected);
 
@@ -51,6 +53,7 @@ protected:
 
     emuphone::PhoneWorld world{emuphone::PhoneWorld::IoctlPath::Interposed};
     const int descriptorsAtStart = OpenDescriptors();
+    const std::string listingAtStart = DescribeDescriptors();
     std::optional<Toolkit> toolkit{std::in_place, PluginToolkit()};
 
 private:
