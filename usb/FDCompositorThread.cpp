@@ -6,7 +6,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <new>
+
+#include "usb/LibUSBBearerConnection.h"
 
 namespace {
 
@@ -19,10 +22,21 @@ void Drain(int fd) {
     }
 }
 
-bool WriteOneByte(int fd) {
+// 0, or the errno of a failed write. A full pipe is not a failure: its reader
+// has a byte waiting already and will wake.
+int WriteOneByte(int fd) {
     const char zero = 0;
-    return write(fd, &zero, 1) > 0;
+    ssize_t written;
+    do {
+        written = write(fd, &zero, 1);
+    } while (written < 0 && errno == EINTR);
+    if (written > 0 || (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))) {
+        return 0;
+    }
+    return written == 0 ? EIO : errno;
 }
+
+bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1 || errno != EBADF; }
 
 // fd_set has room for descriptors below FD_SETSIZE only; FD_SET beyond it
 // writes past the set.
@@ -42,8 +56,8 @@ bool MakePipe(int* readFd, int* writeFd) {
 } // namespace
 
 FDCompositorThread::FDCompositorThread(LibUSBBearerConnection* owner)
-    : FDCompositor(owner), threadStarted(false), stopRequested(false), armed(false), failed(false),
-      thread(), mutexAttrInitialised(false), mutexAttr(), mutexInitialised(false), mutex(), wakeReadFd(-1),
+    : FDCompositor(owner), threadStarted(false), stopRequested(false), armed(false), failed(false), failure(0),
+      failureLogged(false), thread(), mutexAttrInitialised(false), mutexAttr(), mutexInitialised(false), mutex(), wakeReadFd(-1),
       wakeWriteFd(-1), eventWriteFd(-1), eventReadFd(-1) {}
 
 FDCompositorThread::~FDCompositorThread() {
@@ -85,7 +99,14 @@ int FDCompositorThread::Start() {
         return 1;
     }
     mutexInitialised = true;
-    if (pthread_create(&thread, nullptr, ThreadEntry, this) != 0) {
+    // The thread is born with every signal blocked, so that not even its
+    // first instructions can run a toolkit's handler or be interrupted.
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    int created = pthread_create(&thread, nullptr, ThreadEntry, this);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (created != 0) {
         return 1;
     }
     threadStarted = true;
@@ -114,14 +135,45 @@ void FDCompositorThread::UnlockMutex() {
 
 void FDCompositorThread::Rearm() {
     LockMutex();
-    if (eventReadFd != -1) {
+    // A stopped thread's handle stays readable, so the toolkit keeps coming back to hear why.
+    if (eventReadFd != -1 && !failed) {
         Drain(eventReadFd);
     }
     armed = true;
-    if (wakeWriteFd != -1 && !WriteOneByte(wakeWriteFd)) {
-        failed = true;
+    if (wakeWriteFd != -1) {
+        if (int written = WriteOneByte(wakeWriteFd); written != 0) {
+            Fail(written);
+        }
     }
+    bool report = failed && !stopRequested;
     UnlockMutex();
+    if (report) {
+        ReportStop();
+    }
+}
+
+void FDCompositorThread::Fail(int errorNumber) {
+    if (!failed) {
+        failure = errorNumber;
+    }
+    failed = true;
+}
+
+// Every time, so that a pump that clears the owner's error cannot forget it;
+// logged once.
+void FDCompositorThread::ReportStop() {
+    if (owner == nullptr) {
+        return;
+    }
+    LockMutex();
+    bool log = !failureLogged;
+    failureLogged = true;
+    int reason = failure;
+    UnlockMutex();
+    if (log) {
+        owner->Log("Error: USB event thread stopped: %s", std::strerror(reason));
+    }
+    owner->ReportError(11);
 }
 
 int FDCompositorThread::AddFd(int fd, bool wantRead, bool wantWrite) {
@@ -167,46 +219,60 @@ void* FDCompositorThread::ThreadEntry(void* self) {
     return nullptr;
 }
 
-void FDCompositorThread::Loop() {
-    sigset_t pipeOnly;
-    sigemptyset(&pipeOnly);
-    sigaddset(&pipeOnly, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipeOnly, nullptr);
+int FDCompositorThread::BuildSets(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, bool skipClosed) {
+    FD_ZERO(readSet);
+    FD_ZERO(writeSet);
+    FD_ZERO(exceptSet);
+    int highest = 0;
+    auto add = [&highest, skipClosed](int fd, fd_set* set) {
+        if (skipClosed && !IsOpen(fd)) {
+            return;
+        }
+        FD_SET(fd, set);
+        highest = fd > highest ? fd : highest;
+    };
+    if (armed) {
+        for (int fd : allFds) add(fd, exceptSet);
+        for (int fd : readFds) add(fd, readSet);
+        for (int fd : writeFds) add(fd, writeSet);
+    }
+    add(wakeReadFd, readSet);
+    return highest;
+}
 
+void FDCompositorThread::Loop() {
     LockMutex();
+    bool skipClosed = false;
     while (!stopRequested && !failed) {
         fd_set readSet, writeSet, exceptSet;
-        FD_ZERO(&readSet);
-        FD_ZERO(&writeSet);
-        FD_ZERO(&exceptSet);
-        int highest = 0;
-        auto add = [&highest](int fd, fd_set* set) {
-            FD_SET(fd, set);
-            highest = fd > highest ? fd : highest;
-        };
-        if (armed) {
-            for (int fd : allFds) add(fd, &exceptSet);
-            for (int fd : readFds) add(fd, &readSet);
-            for (int fd : writeFds) add(fd, &writeSet);
-        }
-        add(wakeReadFd, &readSet);
+        int highest = BuildSets(&readSet, &writeSet, &exceptSet, skipClosed);
 
         UnlockMutex();
         int count = select(highest + 1, &readSet, &writeSet, &exceptSet, nullptr);
+        int waitError = errno;
         LockMutex();
         Drain(wakeReadFd);
 
+        // libusb may close a descriptor between its removal from the lists and
+        // this wait; the next pass is built without it. A descriptor that is
+        // still listed but closed is left out of that one pass only, so a stale
+        // entry cannot make the loop spin.
+        skipClosed = count < 0 && waitError == EBADF;
         if (count < 0) {
-            // No retry, EINTR included: a failed loop stays failed.
-            failed = true;
+            if (waitError != EINTR && waitError != EBADF) {
+                Fail(waitError);
+            }
         } else if (count == 0 || (count == 1 && FD_ISSET(wakeReadFd, &readSet))) {
             continue;
         } else {
-            if (!WriteOneByte(eventWriteFd)) {
-                failed = true;
+            if (int written = WriteOneByte(eventWriteFd); written != 0) {
+                Fail(written);
             }
             armed = false;
         }
+    }
+    if (failed && !stopRequested) {
+        WriteOneByte(eventWriteFd); // wakes the toolkit, whose next Rearm reports the stop
     }
     UnlockMutex();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/select.h>
 
 #include <list>
 
@@ -9,6 +10,11 @@
 // The compositor as a background thread: select() over libusb's descriptors
 // and a wake pipe, one byte into the event pipe per readiness, then unarmed
 // until the next Rearm() so level-triggered readiness cannot spin.
+//
+// The thread runs with every signal blocked, so the toolkit's handlers never
+// run on it, and it outlives interruptions and descriptors closed under it.
+// Should it still have to stop, it leaves the event handle readable and the
+// next Rearm() on the toolkit's thread reports the reason to the owner.
 class FDCompositorThread : public FDCompositor {
 public:
     explicit FDCompositorThread(LibUSBBearerConnection* owner);
@@ -25,6 +31,13 @@ public:
 private:
     static void* ThreadEntry(void* self);
     void Loop();
+    // Builds the sets; after a wait that failed with EBADF, descriptors that
+    // are no longer open are left out (they stay listed).
+    int BuildSets(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, bool skipClosed);
+    // Records why the loop must end; the first reason is kept.
+    void Fail(int errorNumber);
+    // Logs and reports the stop to the owner; called on the toolkit's thread.
+    void ReportStop();
     void LockMutex();
     void UnlockMutex();
 
@@ -35,6 +48,8 @@ private:
     bool stopRequested;
     bool armed;
     bool failed;
+    int failure;       // errno that stopped the loop
+    bool failureLogged;
     pthread_t thread;
     bool mutexAttrInitialised;
     pthread_mutexattr_t mutexAttr;
