@@ -17,12 +17,16 @@ constexpr size_t kReadSlotCount = 2;
 // Size of a control transfer's setup packet, which precedes its data.
 constexpr uint32_t kSetupSize = LIBUSB_CONTROL_SETUP_SIZE;
 constexpr uint8_t kDeviceToHost = LIBUSB_ENDPOINT_IN;
+// How long one pass of Close's drain waits in libusb for cancelled transfers
+// to come back: short, so a drain never sleeps long past the last completion.
+constexpr long kDrainWaitUs = 10000;
 
 } // namespace
 
 LibUSBBearerConnection::LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer)
     : debugLevel(debugLevel), observer(observer), compositor(nullptr), context(nullptr), device(nullptr),
-      handle(nullptr), readEndpoint(0), writeEndpoint(0), controlInFlight(false), writeInFlight(false) {}
+      handle(nullptr), readEndpoint(0), writeEndpoint(0), writePacketSize(0), zeroPacketFlagRefused(false),
+      zeroPacketDue(false), closing(false), controlInFlight(false), writeInFlight(false) {}
 
 LibUSBBearerConnection::~LibUSBBearerConnection() {
     Close();
@@ -178,6 +182,7 @@ void LibUSBBearerConnection::Close() {
         return;
     }
     CompositorLock lock(compositor);
+    closing = true;
     for (TransferSlot* slot : pendingReads) {
         CancelTransfer(slot->transfer, "Error cancelling read transfer");
     }
@@ -190,9 +195,10 @@ void LibUSBBearerConnection::Close() {
     // No transfer may be freed or reused while libusb still owns it.
     while (!pendingReads.empty() || writeInFlight || controlInFlight) {
         lock.Release();
-        compositor->ProcessEvents();
+        WaitForCompletions();
         lock.Acquire();
     }
+    closing = false;
     lock.Release();
     DiscardReadData();
     for (int32_t claimed : claimedInterfaces) {
@@ -203,6 +209,15 @@ void LibUSBBearerConnection::Close() {
     handle = nullptr;
     libusb_unref_device(device);
     device = nullptr;
+}
+
+void LibUSBBearerConnection::WaitForCompletions() {
+    timeval wait = {0, kDrainWaitUs};
+    int result = libusb_handle_events_timeout(context, &wait);
+    if (result < 0) {
+        Log("Process events failed: %d", result);
+        ReportError(11);
+    }
 }
 
 void LibUSBBearerConnection::HandleEvents() {
@@ -231,7 +246,8 @@ int LibUSBBearerConnection::ReportError(int code) { return observer->OnTransport
 
 int LibUSBBearerConnection::SubmitTransfer(libusb_transfer* transfer) {
     // libusb dereferences the handle: with no device open, refuse here instead.
-    int result = handle != nullptr ? libusb_submit_transfer(transfer) : LIBUSB_ERROR_NO_DEVICE;
+    // A closing transport starts nothing that its drain would have to wait for.
+    int result = handle != nullptr && !closing ? libusb_submit_transfer(transfer) : LIBUSB_ERROR_NO_DEVICE;
     UpdateTimeout();
     return result;
 }
@@ -263,12 +279,16 @@ int LibUSBBearerConnection::SetEndpoints(uint8_t inEndpoint, uint8_t outEndpoint
     libusb_clear_halt(handle, inEndpoint);
     libusb_clear_halt(handle, outEndpoint);
     int packet = libusb_get_max_packet_size(device, inEndpoint);
-    if (packet <= 0) {
-        int code = packet == 0 ? LIBUSB_ERROR_OTHER : packet;
-        Log("Error: couldn't determine maximum packet size for device endpoint 0x%.2x: libusb error %i",
-            inEndpoint, code);
-        return code;
+    int outPacket = libusb_get_max_packet_size(device, outEndpoint);
+    for (auto [endpoint, size] : {std::pair<uint8_t, int>{inEndpoint, packet}, {outEndpoint, outPacket}}) {
+        if (size <= 0) {
+            int code = size == 0 ? LIBUSB_ERROR_OTHER : size;
+            Log("Error: couldn't determine maximum packet size for device endpoint 0x%.2x: libusb error %i",
+                endpoint, code);
+            return code;
+        }
     }
+    writePacketSize = static_cast<uint32_t>(outPacket);
     // Whole packets only, so a read never ends in the middle of one.
     uint32_t size = kMaxReadSize / static_cast<uint32_t>(packet) * static_cast<uint32_t>(packet);
     if (size == 0) {
@@ -289,6 +309,9 @@ int LibUSBBearerConnection::SubmitControlTransfer(uint8_t requestType, uint8_t r
     CompositorLock lock(compositor);
     if (controlInFlight) {
         return LIBUSB_ERROR_BUSY;
+    }
+    if (controlSlot.transfer == nullptr) {
+        return LIBUSB_ERROR_NO_MEM; // start-up could not allocate it
     }
     if (length + kSetupSize > controlSlot.size && !controlSlot.ResizeBuffer(length + kSetupSize)) {
         Log("Could not allocate buffer for control transfer");
@@ -345,6 +368,9 @@ int LibUSBBearerConnection::SubmitWrite(const uint8_t* data, uint32_t length, ui
     if (writeInFlight) {
         return LIBUSB_ERROR_BUSY;
     }
+    if (writeSlot.transfer == nullptr) {
+        return LIBUSB_ERROR_NO_MEM; // start-up could not allocate it
+    }
     if (writeSlot.size < length && !writeSlot.ResizeBuffer(length)) {
         Log("Could not allocate buffer for write");
         return LIBUSB_ERROR_NO_MEM;
@@ -355,13 +381,29 @@ int LibUSBBearerConnection::SubmitWrite(const uint8_t* data, uint32_t length, ui
     // A fresh fill also undoes what a previous partial-write retry advanced.
     libusb_fill_bulk_transfer(writeSlot.transfer, handle, writeEndpoint, writeSlot.buffer, static_cast<int>(length),
                               WriteTransferCallback, this, timeoutMs);
+    bool endsOnFullPacket = length != 0 && writePacketSize != 0 && length % writePacketSize == 0;
+    writeSlot.transfer->flags = endsOnFullPacket && !zeroPacketFlagRefused ? LIBUSB_TRANSFER_ADD_ZERO_PACKET : 0;
+    zeroPacketDue = endsOnFullPacket && zeroPacketFlagRefused;
     writeInFlight = true;
     lock.Release();
-    int result = SubmitTransfer(writeSlot.transfer);
+    int result = SubmitWriteTransfer();
     lock.Acquire();
     if (result != 0) {
         Log("Failed to submit libusb transfer for write: libusb error %i", result);
         writeInFlight = false;
+        zeroPacketDue = false;
+    }
+    return result;
+}
+
+int LibUSBBearerConnection::SubmitWriteTransfer() {
+    libusb_transfer* transfer = writeSlot.transfer;
+    int result = SubmitTransfer(transfer);
+    if (result == LIBUSB_ERROR_NOT_SUPPORTED && (transfer->flags & LIBUSB_TRANSFER_ADD_ZERO_PACKET) != 0) {
+        zeroPacketFlagRefused = true;
+        zeroPacketDue = true;
+        transfer->flags = 0;
+        result = SubmitTransfer(transfer);
     }
     return result;
 }
@@ -374,29 +416,42 @@ void LibUSBBearerConnection::OnWriteTransfer(libusb_transfer* transfer) {
     CompositorLock lock(compositor);
     compositor->ActivityHook();
     int status = transfer->status;
+    int result = 0;
     bool sentPart = transfer->actual_length >= 0 && transfer->actual_length < transfer->length;
-    if ((status == LIBUSB_TRANSFER_COMPLETED || status == LIBUSB_TRANSFER_TIMED_OUT) && sentPart) {
-        if (status == LIBUSB_TRANSFER_TIMED_OUT) {
-            Log("Write timeout: %d of %d written", transfer->actual_length, transfer->length);
-            if (transfer->actual_length == 0) {
-                writeInFlight = false;
-                lock.Release();
-                observer->OnWriteComplete(LIBUSB_TRANSFER_TIMED_OUT);
-                return;
-            }
-        }
+    if (status == LIBUSB_TRANSFER_TIMED_OUT && sentPart) {
+        Log("Write timeout: %d of %d written", transfer->actual_length, transfer->length);
+    }
+    // A closing transport resubmits nothing: nothing would cancel it, and the
+    // drain would wait for it for ever. The write ends with the status it had.
+    if (closing) {
+        // as it stands
+    } else if (sentPart && (status == LIBUSB_TRANSFER_COMPLETED ||
+                            (status == LIBUSB_TRANSFER_TIMED_OUT && transfer->actual_length > 0))) {
         Log("Retrying partial write");
         transfer->buffer += transfer->actual_length;
         transfer->length -= transfer->actual_length;
         lock.Release();
-        int result = SubmitTransfer(transfer);
+        result = SubmitWriteTransfer();
         lock.Acquire();
         if (result == 0) {
             return; // the observer hears of the write once the remainder is sent
         }
         Log("Failed to resubmit transfer: libusb error %i", result);
         status = LIBUSB_TRANSFER_ERROR;
+    } else if (status == LIBUSB_TRANSFER_COMPLETED && zeroPacketDue) {
+        zeroPacketDue = false;
+        transfer->buffer += transfer->actual_length;
+        transfer->length = 0;
+        lock.Release();
+        result = SubmitTransfer(transfer);
+        lock.Acquire();
+        if (result == 0) {
+            return; // the write is done once its zero-length packet has gone
+        }
+        Log("Failed to submit zero-length packet: libusb error %i", result);
+        status = LIBUSB_TRANSFER_ERROR;
     }
+    zeroPacketDue = false;
     writeInFlight = false;
     lock.Release();
     observer->OnWriteComplete(status);
@@ -477,7 +532,7 @@ uint32_t LibUSBBearerConnection::ReadData(uint8_t* destination, uint32_t maxLeng
 }
 
 uint32_t LibUSBBearerConnection::PeekReadLength() const {
-    return readData.empty() ? 0 : readData.front().length;
+    return readData.empty() ? 0 : readData.front().length - readData.front().consumed;
 }
 
 void LibUSBBearerConnection::DiscardReadData() {

@@ -51,17 +51,22 @@ public:
     void Log(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int ReportError(int code);
 
-    // Fixes the bulk endpoints and sizes the read buffers to whole packets.
-    // Must not be called while a read is pending.
+    // Fixes the bulk endpoints, sizes the read buffers to whole packets and
+    // learns the OUT packet size that decides when a write needs a zero-length
+    // packet. Must not be called while a read is pending.
     int SetEndpoints(uint8_t inEndpoint, uint8_t outEndpoint);
     int SubmitControlTransfer(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index,
                               uint16_t length, const uint8_t* data, uint32_t timeoutMs);
-    // Copies data; -6 while a write is in flight.
+    // Copies data; -6 while a write is in flight. A write whose length is a
+    // whole number of OUT packets ends with a zero-length packet, so that a
+    // phone's read (which ends only on a short packet) completes; the write
+    // stays in flight, and OnWriteComplete comes once, after that packet.
     int SubmitWrite(const uint8_t* data, uint32_t length, uint32_t timeoutMs);
     // Submits reads on up to count idle slots (all of them when count < 0).
     int SubmitReads(uint32_t timeoutMs, int count);
     uint32_t ReadData(uint8_t* destination, uint32_t maxLength);
-    // Full received length of the oldest chunk, 0 when none.
+    // What remains of the oldest chunk, 0 when none: a ReadData of this many
+    // bytes takes exactly the rest of that chunk.
     uint32_t PeekReadLength() const;
     void DiscardReadData();
     bool IsWriteInProgress();
@@ -80,6 +85,11 @@ private:
 
     int OpenOne(libusb_device* candidate);
     int SubmitTransfer(libusb_transfer* transfer);
+    // Submits the write transfer as filled, falling back to a separate
+    // zero-length packet where libusb refuses to add one itself.
+    int SubmitWriteTransfer();
+    // One pass of Close's drain: lets libusb wait briefly for completions.
+    void WaitForCompletions();
     void UpdateTimeout();
     void CancelTransfer(libusb_transfer* transfer, const char* message);
 
@@ -92,6 +102,13 @@ private:
     std::vector<int32_t> claimedInterfaces;
     uint8_t readEndpoint;
     uint8_t writeEndpoint;
+    uint32_t writePacketSize;
+    // libusb refused LIBUSB_TRANSFER_ADD_ZERO_PACKET once: send our own from then on.
+    bool zeroPacketFlagRefused;
+    // The write in flight is to be followed by a separate zero-length packet.
+    bool zeroPacketDue;
+    // Close has begun: completions submit nothing new.
+    bool closing;
     TransferSlot controlSlot;
     bool controlInFlight;
     TransferSlot writeSlot;

@@ -9,11 +9,11 @@
 
 namespace fakeusb {
 
-// An endpoint, described as bulk; the address carries the direction (0x81 is
-// IN 1, 0x01 is OUT 1).
+// An endpoint; the address carries the direction (0x81 is IN 1, 0x01 is OUT 1).
 struct Endpoint {
     uint8_t address;
     uint16_t maxPacketSize = 512; // reported as it stands
+    uint8_t type = LIBUSB_TRANSFER_TYPE_BULK; // bmAttributes
 };
 
 inline Endpoint Bulk(uint8_t address) { return Endpoint{address}; }
@@ -51,6 +51,8 @@ struct DeviceSpec {
     // LIBUSB_ERROR_BUSY until libusb_detach_kernel_driver) or a libusb error
     // such as LIBUSB_ERROR_NOT_SUPPORTED.
     int kernelDriverActive = 0;
+    // What libusb_get_port_numbers answers: the ports from the root hub down.
+    std::vector<uint8_t> ports{1};
 
     // The alternate setting (any of the interface's with -1), or null.
     const AltSetting* FindAltSetting(int interfaceNumber, int alternateSetting) const;

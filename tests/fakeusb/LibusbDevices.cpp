@@ -26,8 +26,8 @@ std::unique_ptr<ConfigStorage> BuildConfig(const DeviceSpec& device) {
         for (const AltSetting& alt : alts) {
             std::vector<libusb_endpoint_descriptor>& endpoints = s->endpoints.emplace_back();
             for (const Endpoint& e : alt.endpoints) {
-                endpoints.push_back({LIBUSB_DT_ENDPOINT_SIZE, LIBUSB_DT_ENDPOINT, e.address,
-                                     LIBUSB_TRANSFER_TYPE_BULK, e.maxPacketSize, 0, 0, 0, nullptr, 0});
+                endpoints.push_back({LIBUSB_DT_ENDPOINT_SIZE, LIBUSB_DT_ENDPOINT, e.address, e.type,
+                                     e.maxPacketSize, 0, 0, 0, nullptr, 0});
             }
             libusb_interface_descriptor d{};
             d.bInterfaceNumber = alt.interfaceNumber;
@@ -131,6 +131,20 @@ uint8_t LIBUSB_CALL libusb_get_bus_number(libusb_device* dev) {
 uint8_t LIBUSB_CALL libusb_get_device_address(libusb_device* dev) {
     const char* name = "libusb_get_device_address";
     return Locked([&](World& w) { return w.HeldDevice(dev, name) ? dev->physical->description.address : 0; });
+}
+
+int LIBUSB_CALL libusb_get_port_numbers(libusb_device* dev, uint8_t* port_numbers, int port_numbers_len) {
+    return Locked([&](World& w) -> int {
+        if (!w.HeldDevice(dev, "libusb_get_port_numbers")) {
+            return LIBUSB_ERROR_INVALID_PARAM;
+        }
+        const std::vector<uint8_t>& ports = dev->physical->description.ports;
+        if (static_cast<int>(ports.size()) > port_numbers_len) {
+            return LIBUSB_ERROR_OVERFLOW;
+        }
+        std::copy(ports.begin(), ports.end(), port_numbers);
+        return static_cast<int>(ports.size());
+    });
 }
 
 // A device that is gone still answers from the descriptors libusb cached.

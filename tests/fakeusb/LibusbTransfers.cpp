@@ -40,6 +40,7 @@ Submission Describe(const libusb_transfer& t, int id) {
     s.type = t.type;
     s.length = t.length;
     s.timeout = t.timeout;
+    s.flags = t.flags;
     s.interfaceClaimed = s.IsControl() || device.description.FindEndpoint(t.endpoint, &handle.claimed) != nullptr;
     const unsigned char* payload = t.buffer;
     const unsigned char* end = t.buffer + t.length;

@@ -23,6 +23,7 @@ struct Submission {
     unsigned char type = 0;   // LIBUSB_TRANSFER_TYPE_*
     int length = 0;           // transfer->length (for control: 8 + wLength)
     unsigned int timeout = 0; // milliseconds, 0 for none
+    uint8_t flags = 0;        // transfer->flags (LIBUSB_TRANSFER_ADD_ZERO_PACKET...)
     Setup setup;              // control transfers only
     // False for a bulk endpoint of no interface the handle has claimed: the
     // kernel claims it behind libusb's back and warns.
