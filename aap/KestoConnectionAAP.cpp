@@ -72,6 +72,38 @@ bool IsAccessory(const libusb_device_descriptor& descriptor) {
            static_cast<uint16_t>(descriptor.idProduct - kAccessoryProduct) < kAccessoryProductCount;
 }
 
+struct BulkPair {
+    uint8_t in = 0;
+    uint8_t out = 0;
+};
+
+// The first bulk IN and the first bulk OUT endpoint, in descriptor order.
+// Anything else (interrupt or isochronous endpoints, a second of a direction)
+// would turn reads into writes or send a read buffer's stale bytes.
+bool FindBulkPair(const libusb_interface_descriptor& alt, BulkPair* pair) {
+    bool haveIn = false;
+    bool haveOut = false;
+    for (int k = 0; alt.endpoint != nullptr && k < alt.bNumEndpoints; ++k) {
+        const libusb_endpoint_descriptor& endpoint = alt.endpoint[k];
+        if ((endpoint.bmAttributes & LIBUSB_TRANSFER_TYPE_MASK) != LIBUSB_TRANSFER_TYPE_BULK) {
+            continue;
+        }
+        bool isIn = (endpoint.bEndpointAddress & LIBUSB_ENDPOINT_DIR_MASK) == LIBUSB_ENDPOINT_IN;
+        if (isIn && !haveIn) {
+            pair->in = endpoint.bEndpointAddress;
+            haveIn = true;
+        } else if (!isIn && !haveOut) {
+            pair->out = endpoint.bEndpointAddress;
+            haveOut = true;
+        }
+    }
+    return haveIn && haveOut;
+}
+
+uint16_t BusAddress(libusb_device* device) {
+    return static_cast<uint16_t>(libusb_get_bus_number(device) << 8 | libusb_get_device_address(device));
+}
+
 bool IsDebugBridge(const libusb_interface_descriptor& alt) {
     return alt.bInterfaceClass == kBridgeClass && alt.bInterfaceSubClass == kBridgeSubClass &&
            alt.bInterfaceProtocol == kBridgeProtocol;
@@ -104,7 +136,7 @@ KestoConnectionAAP::KestoConnectionAAP(KestoBearerImpl* bearer, void* connection
     : KestoConnectionImpl(bearer, connectionContext), state(kStateInitial), identityIndex(0), deviceDescriptor(),
       serial(), serialLength(0), rediscoveryAttempts(0), expectedControlLength(0), controlRetries(0),
       interfaceNumber(-1), alternateSetting(-1), inEndpoint(0), outEndpoint(0), protocolVersion(0),
-      transport(nullptr), error(0) {}
+      transport(nullptr), error(0), portPath(), portDepth(0) {}
 
 KestoConnectionAAP::~KestoConnectionAAP() {
     // First, so the completions that the transport's teardown delivers start nothing.
@@ -119,6 +151,16 @@ int KestoConnectionAAP::Establish() {
     if (transport != nullptr) {
         return KestoBearerErrorFailed; // establishing twice would orphan the first transport
     }
+    int result = EstablishSteps();
+    if (result != 0) {
+        // Kept, so that every later call of the toolkit's hears the same.
+        error = result;
+        state = kStateFailed;
+    }
+    return result;
+}
+
+int KestoConnectionAAP::EstablishSteps() {
     int busNumber = 0;
     int deviceAddress = 0;
     {
@@ -210,6 +252,7 @@ int KestoConnectionAAP::OpenAndSwitch(int busNumber, int deviceAddress) {
         Log("Unable to get device descriptor, error %d", result);
         return KestoBearerErrorFailed;
     }
+    portDepth = std::max(0, libusb_get_port_numbers(transport->GetDevice(), portPath, sizeof portPath));
     serialLength = libusb_get_string_descriptor_ascii(transport->GetDeviceHandle(), deviceDescriptor.iSerialNumber,
                                                       serial, kSerialCapacity);
     if (serialLength < 0) {
@@ -274,6 +317,7 @@ void KestoConnectionAAP::SendNextIdentityString() {
 }
 
 void KestoConnectionAAP::SubmitStartRequest() {
+    NoteAccessoriesPresent();
     state = kStateSwitchRequest;
     int result = transport->SubmitControlTransfer(kRequestTypeOut, kStartAccessory, 0, 0, 0, nullptr,
                                                   kControlTimeoutMs);
@@ -374,6 +418,36 @@ void KestoConnectionAAP::RetryControlStep() {
     }
 }
 
+// Accessories already on the bus before the switch are someone else's phones,
+// which may well share our phone's serial number.
+void KestoConnectionAAP::NoteAccessoriesPresent() {
+    accessoriesBeforeSwitch.clear();
+    libusb_device** list = nullptr;
+    ssize_t count = libusb_get_device_list(transport->GetContext(), &list);
+    if (count < 0) {
+        Log("Warning: could not list the accessories present before the switch, error %d", static_cast<int>(count));
+        return;
+    }
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor descriptor;
+        if (libusb_get_device_descriptor(list[i], &descriptor) == 0 && IsAccessory(descriptor)) {
+            accessoriesBeforeSwitch.push_back(BusAddress(list[i]));
+        }
+    }
+    libusb_free_device_list(list, 1);
+}
+
+bool KestoConnectionAAP::WasAccessoryBeforeSwitch(libusb_device* device) const {
+    return std::find(accessoriesBeforeSwitch.begin(), accessoriesBeforeSwitch.end(), BusAddress(device)) !=
+           accessoriesBeforeSwitch.end();
+}
+
+bool KestoConnectionAAP::OnOurPort(libusb_device* device) const {
+    uint8_t ports[kMaxPortDepth];
+    int depth = libusb_get_port_numbers(device, ports, sizeof ports);
+    return portDepth > 0 && depth == portDepth && std::memcmp(ports, portPath, static_cast<size_t>(depth)) == 0;
+}
+
 // ---- Rediscovery and interface set-up ----------------------------------------
 
 void KestoConnectionAAP::EnterRediscovery() {
@@ -409,10 +483,14 @@ int KestoConnectionAAP::TimerExpired() {
     return PumpEvents();
 }
 
-// Clears the stored error first: a failed search is simply tried again on the
-// next tick instead of ending the connection.
+// While searching, clears the stored error first: a failed search is simply
+// tried again on the next tick instead of ending the connection. In every
+// other state an error, once stored, stays until the toolkit destroys the
+// connection: a dead link must not look healthy to a toolkit that only asks.
 int KestoConnectionAAP::PumpEvents() {
-    error = 0;
+    if (state == kStateRediscover) {
+        error = 0;
+    }
     transport->HandleEvents();
     return error;
 }
@@ -448,11 +526,13 @@ int KestoConnectionAAP::SearchBus(bool fallbackAllowed) {
         Log("Failed to retrieve device list when reading descriptors, error %d", static_cast<int>(count));
         return KestoBearerErrorFailed;
     }
-    enum { kNone, kFallback, kSerialMatch } chosenBy = kNone;
+    // Better reasons win; among equals, the first in the list.
+    enum { kNone, kFallback, kSerialMatch, kSerialOnOurPort } chosenBy = kNone;
     libusb_device* chosen = nullptr;
     for (ssize_t i = 0; i < count; ++i) {
         libusb_device_descriptor descriptor;
-        if (libusb_get_device_descriptor(list[i], &descriptor) < 0 || !IsAccessory(descriptor)) {
+        if (libusb_get_device_descriptor(list[i], &descriptor) < 0 || !IsAccessory(descriptor) ||
+            WasAccessoryBeforeSwitch(list[i])) {
             continue;
         }
         unsigned char found[kSerialCapacity];
@@ -462,11 +542,13 @@ int KestoConnectionAAP::SearchBus(bool fallbackAllowed) {
                                                              descriptor.iSerialNumber, found, kSerialCapacity);
             transport->Close();
         }
-        if (foundLength > 0 && foundLength == serialLength && std::memcmp(found, serial, serialLength) == 0 &&
-            chosenBy != kSerialMatch) {
+        bool serialMatches =
+            foundLength > 0 && foundLength == serialLength && std::memcmp(found, serial, serialLength) == 0;
+        auto reason = !serialMatches ? kFallback : OnOurPort(list[i]) ? kSerialOnOurPort : kSerialMatch;
+        if (serialMatches && reason > chosenBy) {
             Log("Located device with matching serial number");
             chosen = list[i];
-            chosenBy = kSerialMatch;
+            chosenBy = reason;
         } else if (chosenBy == kNone && fallbackAllowed) {
             chosen = list[i];
             chosenBy = kFallback;
@@ -506,6 +588,7 @@ int KestoConnectionAAP::DiscoverEndpoints(libusb_device* candidate) {
         return KestoBearerErrorFailed;
     }
     const libusb_interface_descriptor* choice = nullptr;
+    BulkPair pair;
     for (int i = 0; i < config->bNumInterfaces; ++i) {
         const libusb_interface& iface = config->interface[i];
         for (int j = 0; j < iface.num_altsetting; ++j) {
@@ -518,7 +601,7 @@ int KestoConnectionAAP::DiscoverEndpoints(libusb_device* candidate) {
                     choice = &alt;
                     break;
                 }
-            } else if (alt.bNumEndpoints >= 2 && !IsDebugBridge(alt) &&
+            } else if (!IsDebugBridge(alt) && FindBulkPair(alt, &pair) &&
                        (choice == nullptr || alt.bInterfaceNumber < choice->bInterfaceNumber)) {
                 choice = &alt;
             }
@@ -528,17 +611,14 @@ int KestoConnectionAAP::DiscoverEndpoints(libusb_device* candidate) {
         Log("Failed to find suitable interface for AAP from device.");
         return KestoBearerErrorFailed;
     }
-    interfaceNumber = choice->bInterfaceNumber;
-    alternateSetting = choice->bAlternateSetting;
-    if (choice->bNumEndpoints < 2 || choice->endpoint == nullptr) {
-        Log("There are less than 2 endpoints exposed by the android device.");
+    if (!FindBulkPair(*choice, &pair)) {
+        Log("Error: interface %d lacks a bulk IN and a bulk OUT endpoint", choice->bInterfaceNumber);
         return KestoBearerErrorFailed;
     }
-    uint8_t firstAddress = choice->endpoint[0].bEndpointAddress;
-    uint8_t secondAddress = choice->endpoint[1].bEndpointAddress;
-    bool firstIsIn = (firstAddress & LIBUSB_ENDPOINT_IN) != 0;
-    inEndpoint = firstIsIn ? firstAddress : secondAddress;
-    outEndpoint = firstIsIn ? secondAddress : firstAddress;
+    interfaceNumber = choice->bInterfaceNumber;
+    alternateSetting = choice->bAlternateSetting;
+    inEndpoint = pair.in;
+    outEndpoint = pair.out;
     return 0;
 }
 
@@ -672,6 +752,12 @@ void KestoConnectionAAP::OnReadComplete(int status) {
     case LIBUSB_TRANSFER_COMPLETED:
         if (transport->PeekReadLength() == 0) {
             Log("Completed read of length 0");
+            if (state == kStateHandshakeRead) {
+                // Still waiting for the handshake: data reads now would take
+                // the phone's first bytes while our handshake is in flight.
+                SubmitHandshakeRead();
+                return;
+            }
             int result = StartReads();
             if (result != 0 && error == 0) {
                 Log("Attempt to re-read, returning error %d", result);
@@ -759,19 +845,35 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
     uint32_t pending = transport->PeekReadLength();
     if (pending == 0) {
         *length = 0;
-        return StartReads();
+        return ResumeReads();
     }
     if (pending > *length) {
         *length = pending; // nothing taken: the toolkit retries with a buffer this big
         return KestoBearerErrorBufferTooSmall;
     }
-    // What was copied, not the chunk's size: the handshake may have taken its head.
     *length = transport->ReadData(buffer, pending);
-    return StartReads();
+    // The bytes are the toolkit's now, whatever follows; a failure to read on
+    // is stored and reported by the next GetActivity.
+    ResumeReads();
+    return KestoBearerErrorNone;
+}
+
+// Refills the idle read slots in the data phase only: before it, the
+// handshake owns the reads, and a data read would take the phone's first bytes.
+int KestoConnectionAAP::ResumeReads() {
+    if (state != kStateConnected) {
+        return KestoBearerErrorNone;
+    }
+    int result = StartReads();
+    if (result != 0 && error == 0) {
+        error = result;
+    }
+    return result;
 }
 
 int KestoConnectionAAP::Write(const uint8_t* buffer, uint32_t* length) {
     if (transport == nullptr) {
+        *length = 0;
         return KestoBearerErrorFailed;
     }
     if (transport->IsWriteInProgress()) {
@@ -780,6 +882,7 @@ int KestoConnectionAAP::Write(const uint8_t* buffer, uint32_t* length) {
     }
     if (transport->SubmitWrite(buffer, *length, kNoTimeout) != 0) {
         Log("Failed to submit libusb transfer for write");
+        *length = 0; // nothing was taken
         return KestoBearerErrorFailed;
     }
     return KestoBearerErrorNone;

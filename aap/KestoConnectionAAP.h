@@ -3,6 +3,7 @@
 #include <libusb.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "bearer/KestoConnectionImpl.h"
 #include "usb/LibUSBBearerObserver.h"
@@ -52,11 +53,15 @@ public:
 
 private:
     // Establishment and the accessory-mode switch.
+    int EstablishSteps();
     int OpenAndSwitch(int busNumber, int deviceAddress);
     int SubmitVersionQuery();
     bool CheckVersion(const uint8_t* data, int length);
     void SendNextIdentityString();
     void SubmitStartRequest();
+    void NoteAccessoriesPresent();
+    bool WasAccessoryBeforeSwitch(libusb_device* device) const;
+    bool OnOurPort(libusb_device* device) const;
     void RetryControlStep();
     // Rediscovery and interface set-up.
     void EnterRediscovery();
@@ -73,6 +78,7 @@ private:
     void SubmitHandshakeWrite();
     void EnterDataPhase();
     int StartReads();
+    int ResumeReads();
     void ReportConnected();
 
     int32_t state;
@@ -90,4 +96,11 @@ private:
     int32_t protocolVersion;
     LibUSBBearerConnection* transport;
     int32_t error;
+    // USB allows at most seven tiers of hubs below the root.
+    static constexpr int kMaxPortDepth = 7;
+    uint8_t portPath[kMaxPortDepth];
+    int32_t portDepth;
+    // Bus number and address (bus << 8 | address) of each accessory seen just
+    // before the start request.
+    std::vector<uint16_t> accessoriesBeforeSwitch;
 };

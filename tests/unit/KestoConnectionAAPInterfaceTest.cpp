@@ -14,6 +14,8 @@ AltSetting Accessory(uint8_t number, std::vector<fakeusb::Endpoint> endpoints, u
     return AltSetting{number, alternate, 0xFF, 0xFF, 0x00, std::move(endpoints)};
 }
 
+fakeusb::Endpoint Interrupt(uint8_t address) { return fakeusb::Endpoint{address, 64, LIBUSB_TRANSFER_TYPE_INTERRUPT}; }
+
 AltSetting DebugBridge(uint8_t number) { return AltSetting{number, 0, 0xFF, 0x42, 0x01, {Bulk(0x82), Bulk(0x02)}}; }
 
 const std::vector<fakeusb::Interface> kAccessoryOnly{{Accessory(0, {Bulk(0x81), Bulk(0x01)})}};
@@ -53,7 +55,18 @@ TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
          KestoBearerErrorFailed, "Error setting configuration: -6, in configuration 0", {}, {}, true},
         {"given interface has one endpoint",
          {{Accessory(0, {Bulk(0x81), Bulk(0x01)})}, {Accessory(1, {Bulk(0x83)})}}, {{"interface", "1"}}, 1, {},
-         KestoBearerErrorFailed, kTooFewEndpoints, {}, {}, false},
+         KestoBearerErrorFailed, "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint", {}, {}, false},
+        {"given interface has two IN endpoints",
+         {{Accessory(0, {Bulk(0x81), Bulk(0x01)})}, {Accessory(1, {Bulk(0x83), Bulk(0x84)})}}, {{"interface", "1"}},
+         1, {}, KestoBearerErrorFailed, "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint", {}, {}, false},
+        {"two OUT endpoints make an interface ineligible",
+         {{Accessory(0, {Bulk(0x01), Bulk(0x02)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}}, {}, 1, {}, 0,
+         kStartManually, {1}, {"0x83", "0x03"}, false},
+        {"interrupt IN with bulk OUT", {{Accessory(0, {Interrupt(0x81), Bulk(0x01)})}}, {}, 1, {},
+         KestoBearerErrorFailed, "Failed to find suitable interface for AAP from device.", {}, {}, false},
+        {"first bulk endpoint of each direction",
+         {{Accessory(0, {Interrupt(0x85), Bulk(0x81), Bulk(0x82), Bulk(0x01), Bulk(0x02)})}}, {}, 1, {}, 0,
+         kStartManually, {0}, {"0x81", "0x01"}, false},
         {"first interface has one endpoint", {{Accessory(0, {Bulk(0x81)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}},
          {}, 1, {}, KestoBearerErrorFailed, kTooFewEndpoints, {}, {}, false},
         {"only the debug bridge", {{DebugBridge(0)}}, {}, 1, {}, KestoBearerErrorFailed,

@@ -187,7 +187,7 @@ TEST_F(AccessoryConnection, PhoneWithoutReadableSerialIsFoundByFallbackAfterTwoS
 // not set up fails the connection.
 TEST_F(AccessoryConnection, FaultsAfterTheSwitchAreRetriedOrReported) {
     const std::tuple<Function, int, int, std::vector<std::string>, bool> faults[] = {
-        {Function::GetDeviceList, LIBUSB_ERROR_NO_MEM, 0,
+        {Function::GetDeviceList, LIBUSB_ERROR_NO_MEM, 1, // the first list is taken before the switch
          {"Failed to retrieve device list when reading descriptors, error -11", "Failed to rediscover device"}, false},
         {Function::Open, LIBUSB_ERROR_ACCESS, 1,
          {"Located device with matching serial number", "Error: Couldn't open device with libusb error -3",
