@@ -2,19 +2,31 @@
 #include "IoctlHooks.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <stdarg.h>
 #include <stddef.h>
+#include <sys/socket.h>
 
 typedef int (*IoctlFunction)(int, unsigned long, ...);
 typedef int (*CloseFunction)(int);
+typedef int (*BindFunction)(int, const struct sockaddr*, socklen_t);
 
 static EmuphoneIoctlHook ioctlHook;
 static EmuphoneCloseHook closeHook;
+static EmuphoneListenerChangeHook listenerChangeHook;
+static EmuphoneListenerChangedHook listenerChangedHook;
 
 void emuphone_set_hooks(EmuphoneIoctlHook onIoctl, EmuphoneCloseHook onClose)
 {
     __atomic_store_n(&ioctlHook, onIoctl, __ATOMIC_RELEASE);
     __atomic_store_n(&closeHook, onClose, __ATOMIC_RELEASE);
+}
+
+/* The second hook is stored first: a change seen must always hear its end. */
+void emuphone_set_listener_hooks(EmuphoneListenerChangeHook change, EmuphoneListenerChangedHook changed)
+{
+    __atomic_store_n(&listenerChangedHook, changed, __ATOMIC_RELEASE);
+    __atomic_store_n(&listenerChangeHook, change, __ATOMIC_RELEASE);
 }
 
 static IoctlFunction NextIoctl(void)
@@ -39,6 +51,35 @@ static CloseFunction NextClose(void)
     return found;
 }
 
+static BindFunction NextBind(void)
+{
+    static BindFunction next;
+    BindFunction found = __atomic_load_n(&next, __ATOMIC_ACQUIRE);
+    if (!found) {
+        found = (BindFunction)dlsym(RTLD_NEXT, "bind");
+        __atomic_store_n(&next, found, __ATOMIC_RELEASE);
+    }
+    return found;
+}
+
+static int ListenerChangeBegins(int fd, const struct sockaddr* address)
+{
+    EmuphoneListenerChangeHook hook = __atomic_load_n(&listenerChangeHook, __ATOMIC_ACQUIRE);
+    if (!hook)
+        return 0;
+    int saved = errno;
+    int listener = hook(fd, address);
+    errno = saved;
+    return listener;
+}
+
+static void ListenerChangeEnds(void)
+{
+    int saved = errno;
+    __atomic_load_n(&listenerChangedHook, __ATOMIC_ACQUIRE)();
+    errno = saved;
+}
+
 /* ioctl takes at most one argument word, pointer or integer; passing it on as
  * a pointer is what umockdev's own preload does. */
 __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...)
@@ -59,7 +100,20 @@ __attribute__((visibility("default"))) int close(int fd)
     EmuphoneCloseHook hook = __atomic_load_n(&closeHook, __ATOMIC_ACQUIRE);
     if (hook)
         hook(fd);
-    return NextClose()(fd);
+    int listener = ListenerChangeBegins(fd, NULL);
+    int result = NextClose()(fd);
+    if (listener)
+        ListenerChangeEnds();
+    return result;
+}
+
+__attribute__((visibility("default"))) int bind(int fd, const struct sockaddr* address, socklen_t length)
+{
+    int listener = ListenerChangeBegins(fd, address);
+    int result = NextBind()(fd, address, length);
+    if (listener)
+        ListenerChangeEnds();
+    return result;
 }
 
 int emuphone_hooks_reach_libraries(void)

@@ -1,5 +1,7 @@
 #include "Testbed.h"
 
+#include "ListenerGate.h"
+
 #include <umockdev.h>
 
 #include <cstdio>
@@ -80,10 +82,16 @@ std::string Record(const UsbDeviceEntry& e)
     return r + "H: descriptors=" + Hex(e.descriptors) + "\n";
 }
 
+// Sends "add" once the device is complete.
 void AddFromString(UMockdevTestbed* testbed, const std::string& record)
 {
     GError* error = nullptr;
-    if (!umockdev_testbed_add_from_string(testbed, record.c_str(), &error)) {
+    bool added;
+    {
+        std::lock_guard<std::mutex> turn(ListenerGate::Turn());
+        added = umockdev_testbed_add_from_string(testbed, record.c_str(), &error);
+    }
+    if (!added) {
         std::string message = error ? error->message : "unknown error";
         g_clear_error(&error);
         throw std::runtime_error("emulated phone: umockdev refused a device: " + message);
@@ -98,6 +106,7 @@ UMockdevTestbed* NewTestbed()
     // test may already have counted the process's descriptors.
     g_main_context_default();
     g_type_ensure(G_TYPE_TASK);
+    ListenerGate::Install();
     return umockdev_testbed_new();
 }
 
@@ -147,7 +156,10 @@ void Testbed::RemoveUsbDevice(const UsbDeviceEntry& entry)
 {
     std::lock_guard<std::mutex> hold(lock_);
     std::string path = "/sys" + entry.SysPath();
-    umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
+    {
+        std::lock_guard<std::mutex> turn(ListenerGate::Turn());
+        umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
+    }
     umockdev_testbed_remove_device(testbed_, path.c_str());
 }
 
