@@ -224,7 +224,7 @@ void AddStreamKnobs(std::vector<Knob>& knobs)
          ChoiceInto(&PhoneOptions::application, {{"echo", A::Echo}, {"sink", A::Sink}, {"source", A::Source}})},
         {"--source-bytes", "N", "a source stops after N bytes (default: never)", NumberInto(&PhoneOptions::sourceBytes)},
         {"--source-chunk", "N", "bytes per source write (default 16384)", NumberInto(&PhoneOptions::sourceChunk)},
-        {"--read-rule", "as-it-comes|phone", "how transfers become the application's reads (default as-it-comes)",
+        {"--read-rule", "as-it-comes|phone", "how transfers become the application's reads (default phone)",
          ChoiceInto(&PhoneOptions::readRule, {{"as-it-comes", R::AsItComes}, {"phone", R::PhoneDriver}})},
         {"--handshake", "HEX", "bytes the phone sends as its handshake (default FFFF00000A0A444556)",
          [](PhoneOptions& o, const std::string& v) { return Hex(v, o.handshake); }},

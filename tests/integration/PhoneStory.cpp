@@ -70,6 +70,11 @@ bool Logged(const ToolkitConnection& connection, const std::string& text) {
 
 EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, size_t piece,
              std::chrono::milliseconds patience) {
+    return Echo(toolkit, connection, total, [piece](uint64_t) { return piece; }, patience);
+}
+
+EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, const PieceSizes& pieces,
+             std::chrono::milliseconds patience) {
     EchoRun run;
     std::vector<uint8_t> expected;
     const Clock::time_point start = Clock::now();
@@ -80,7 +85,7 @@ EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, si
             break;
         }
         if (run.sent < total) {
-            std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(piece, total - run.sent)));
+            std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(pieces(run.sent), total - run.sent)));
             emuphone::StreamPattern::Fill(run.sent, bytes.data(), bytes.size());
             const Toolkit::Transfer written = toolkit.Write(connection, bytes);
             run.error = written.result;

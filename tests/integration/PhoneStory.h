@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,9 +34,14 @@ struct EchoRun {
     double seconds = 0;
 };
 
+// The length of the write that starts at stream offset `sent`.
+using PieceSizes = std::function<size_t(uint64_t sent)>;
+
 // Writes `total` pattern bytes in pieces of `piece` and reads them back, until
 // all are back, an error reaches the toolkit, or `patience` has passed.
 EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, size_t piece = 16000,
+             std::chrono::milliseconds patience = std::chrono::seconds(20));
+EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, const PieceSizes& pieces,
              std::chrono::milliseconds patience = std::chrono::seconds(20));
 
 // Each test is a story of a phone on the emulated bus and a toolkit that loads

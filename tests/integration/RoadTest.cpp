@@ -16,7 +16,6 @@ const std::vector<uint8_t> kDeviceHandshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0
 
 TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     PhoneOptions options;
-    options.readRule = PhoneOptions::ReadRule::PhoneDriver;
     options.link = emuphone::LinkModel::HighSpeed();
     emuphone::EmulatedPhone& phone = Plug(options);
     ToolkitConnection& connection = Connect(phone);
@@ -87,6 +86,33 @@ TEST_F(PhoneStory, OfTwoAccessoriesTheOneWithTheSerialIsChosenThoughListedSecond
     EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
     EXPECT_FALSE(stranger.Report().Reached(PhoneStage::InterfaceClaimed));
 }
+
+// Two phones of one make and serial: the other one is an accessory already,
+// set up by someone else, and must be left alone. Its place on the bus tells
+// the two apart, whichever of them libusb lists first.
+class TwinPhones : public PhoneStory, public testing::WithParamInterface<bool> {};
+
+TEST_P(TwinPhones, TheSwitchedOneIsTakenNotTheTwinAlreadyAnAccessory) {
+    PhoneOptions asked;
+    PhoneOptions twin;
+    twin.startInAccessoryMode = true;
+    asked.port = GetParam() ? 1 : 2;
+    twin.port = GetParam() ? 2 : 1;
+    emuphone::EmulatedPhone& phone = Plug(asked);
+    emuphone::EmulatedPhone& other = Plug(twin);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+
+    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
+    EXPECT_FALSE(other.Report().Reached(PhoneStage::InterfaceClaimed));
+    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
+    EXPECT_EQ(100000u, phone.Report().bytesFromHost);
+    EXPECT_EQ(0u, other.Report().bytesFromHost);
+}
+
+INSTANTIATE_TEST_SUITE_P(, TwinPhones, testing::Bool(), [](const testing::TestParamInfo<bool>& info) {
+    return info.param ? "TwinOnTheHigherPort" : "TwinOnTheLowerPort";
+});
 
 TEST_F(PhoneStory, PhoneWithoutSerialIsTakenByTheFallbackAfterTwentyOneSearches) {
     PhoneOptions options;

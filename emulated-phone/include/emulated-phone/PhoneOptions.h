@@ -64,7 +64,7 @@ struct PhoneOptions {
     std::chrono::milliseconds returnDelay{35}; // gone -> back in accessory mode; negative: never
 
     Application application = Application::Echo;
-    ReadRule readRule = ReadRule::AsItComes;
+    ReadRule readRule = ReadRule::PhoneDriver;
     std::vector<uint8_t> handshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x44, 0x45, 0x56};
     bool sendHandshake = true;
     std::chrono::milliseconds handshakeDelay{0}; // after the accessory interface is claimed
