@@ -840,12 +840,14 @@ void KestoConnectionAAP::OnWriteComplete(int status) {
 int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
     if (transport == nullptr) {
         *length = 0;
-        return KestoBearerErrorFailed;
+        return error != 0 ? error : KestoBearerErrorFailed;
     }
+    // Bytes that arrived before a failure are still handed over; after them,
+    // the failure is.
     uint32_t pending = transport->PeekReadLength();
     if (pending == 0) {
         *length = 0;
-        return ResumeReads();
+        return error != 0 ? error : ResumeReads();
     }
     if (pending > *length) {
         *length = pending; // nothing taken: the toolkit retries with a buffer this big
@@ -872,11 +874,12 @@ int KestoConnectionAAP::ResumeReads() {
 }
 
 int KestoConnectionAAP::Write(const uint8_t* buffer, uint32_t* length) {
-    if (transport == nullptr) {
+    if (transport == nullptr || error != 0) {
         *length = 0;
-        return KestoBearerErrorFailed;
+        return error != 0 ? error : KestoBearerErrorFailed;
     }
-    if (transport->IsWriteInProgress()) {
+    // Before the data phase the bulk endpoints belong to the handshake: nothing is taken yet.
+    if (state != kStateConnected || transport->IsWriteInProgress()) {
         *length = 0;
         return KestoBearerErrorNone;
     }

@@ -3,6 +3,24 @@
  *
  * A host loads the shared object, looks up KestoBearerInitialize and from then on
  * talks to the bearer only through the two tables below. Compiles as C and C++.
+ *
+ * Threads: all slots of one connection are called from one thread, the
+ * toolkit's, one call at a time; every support function the bearer calls for
+ * that connection is called on that same thread, inside one of those slots.
+ * The bearer runs one background thread per established connection; it has
+ * every signal blocked, calls nothing of the toolkit's and only makes the
+ * event handle readable.
+ *
+ * Driving a connection: wait until the event handle is readable or the timer
+ * asked for with setTimer is due; call connectionGetActivity or
+ * connectionTimerExpired accordingly. When connectionGetActivity reports
+ * KestoBearerActivityReadable, call connectionRead until it delivers nothing:
+ * data already queued does not make the handle readable again. The call that
+ * makes the bearer report status 4 (connected) may already carry the readable
+ * bit. A non-zero result from connectionGetActivity, connectionGetEventHandle
+ * or connectionTimerExpired means the connection has failed; once the phone
+ * has been found it stays reported on every later call until the toolkit
+ * destroys the connection.
  */
 #ifndef KESTO_BEARER_H
 #define KESTO_BEARER_H
@@ -58,22 +76,36 @@ typedef void (*KestoBearerTerminateFn)(void* bearer);
 typedef int (*KestoBearerCreateConnectionFn)(void* bearer, void* connectionContext, void** connectionOut);
 /* Returns a copy of a bearer property made with allocString (the toolkit owns it), or null. */
 typedef char* (*KestoBearerGetPropertyFn)(void* bearer, int property);
-/* Starts connecting and returns at once: 0 means under way, anything else failed. Called once. */
+/* Starts connecting and returns at once: 0 means under way (status 3 has been reported), anything
+ * else (8, 11 or 17) failed; after a failure every other slot answers with that code and destroy
+ * still frees everything. Called once per connection. */
 typedef int (*KestoConnectionEstablishFn)(void* connection);
-/* Cancels all USB work and frees the connection. A null connection does nothing. */
+/* Cancels all USB work, waits for libusb to give every transfer back, stops the connection's thread,
+ * closes its event handle and frees the connection. Returns once all of that is done, whatever the
+ * phone does meanwhile. A null connection does nothing. */
 typedef void (*KestoConnectionDestroyFn)(void* connection);
-/* Delivers the oldest received block. *length: in the capacity, out the bytes delivered
- * (0 when nothing waits; the block's size with result 19 when it does not fit). */
+/* Delivers what remains of the oldest received block, never parts of two. *length: in the capacity,
+ * out the bytes delivered. Returns 0 with the bytes (0 bytes when nothing waits); 19 with the
+ * block's remaining size when it does not fit (nothing taken: call again with that much room); or,
+ * once nothing is left to deliver, the stored error. Bytes delivered are never taken back: a
+ * failure found after the copy is reported by the next connectionGetActivity. */
 typedef int (*KestoConnectionReadFn)(void* connection, uint8_t* buffer, uint32_t* length);
-/* Takes the whole buffer, or sets *length to 0 and returns 0 while a write is in flight. */
+/* Returns 0 with *length unchanged when all bytes were taken (the bearer keeps its own copy, so the
+ * buffer may be reused at once); 0 with *length set to 0 when nothing was taken (a write is in
+ * flight, or the connection is not yet connected: retry once connectionGetActivity reports
+ * KestoBearerActivityWritable); or an error with *length set to 0. */
 typedef int (*KestoConnectionWriteFn)(void* connection, const uint8_t* buffer, uint32_t* length);
-/* Writes the descriptor to wait on for readability; *extra (if given) becomes 0. Returns the pending error. */
+/* Writes the descriptor to wait on for readability; *extra (if given) becomes 0. The descriptor
+ * belongs to the connection: it stays open, and the same, until connectionDestroy; never read it or
+ * close it. Returns the stored error. */
 typedef int (*KestoConnectionGetEventHandleFn)(void* connection, int* eventHandle, intptr_t* extra);
-/* Processes USB work and writes the activity bits. Returns the pending error (mask untouched then). */
+/* Processes USB work (completions, the phone's re-enumeration) and writes the activity bits. Returns
+ * the stored error, leaving the mask untouched; an error stays reported on every later call. */
 typedef int (*KestoConnectionGetActivityFn)(void* connection, uint32_t* activity);
-/* Returns a copy of a connection property made with allocString, or null. */
+/* Returns a copy of a connection property made with allocString (the toolkit frees it), or null. */
 typedef char* (*KestoConnectionGetPropertyFn)(void* connection, int property);
-/* Called when a delay requested through setTimer has passed. Returns a result code. */
+/* Called when the delay last requested through setTimer has passed. Processes USB work like
+ * connectionGetActivity. Returns the stored error. */
 typedef int (*KestoConnectionTimerExpiredFn)(void* connection);
 
 typedef struct KestoBearerInterface {
@@ -92,6 +124,9 @@ typedef struct KestoBearerInterface {
 
 /* ---- Functions supplied by the toolkit (KestoBearerSupportAPI), in slot order ---- */
 
+/* Support functions are called on the connection's thread (bearer-level ones on the thread that
+ * called the bearer slot), never from the bearer's background thread. */
+
 /* Returns a writable buffer of size bytes (including the NUL), or null. */
 typedef char* (*KestoAllocStringFn)(void* bearerContext, size_t size);
 /* Releases a string returned by getConnectionParameter. Never given null. */
@@ -104,7 +139,8 @@ typedef char* (*KestoGetConnectionParameterFn)(void* connectionContext, const ch
                                                unsigned char flag, int* result);
 /* Reports a connection status (KestoConnectionStatus...). The result is ignored. */
 typedef int (*KestoSetConnectionStatusFn)(void* connectionContext, int status);
-/* Asks for one connectionTimerExpired after delayMs milliseconds. The result is ignored. */
+/* Asks for one connectionTimerExpired after delayMs milliseconds (at least 1). Each request replaces
+ * the previous one: the toolkit keeps one timer per connection. The result is ignored. */
 typedef int (*KestoSetTimerFn)(void* connectionContext, int delayMs);
 /* Reserved; wrapped but never called by this bearer. */
 typedef int (*KestoReserved6Fn)(void* connectionContext, intptr_t a, intptr_t b, int* result);

@@ -1,6 +1,10 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 
 #include "KestoConnectionAAPFixture.h"
+#include "SelectFaults.h"
 
 namespace aap {
 namespace {
@@ -123,18 +127,66 @@ TEST_F(AccessoryConnection, SecondWriteWaitsForTheFirst) {
     EXPECT_EQ(Text("first"), Submitted(kOut).back().data);
 }
 
-TEST_F(AccessoryConnection, StoredErrorIsReturnedWithoutTouchingTheFlags) {
+// A dead link stays dead for a toolkit that only asks: no timer expiry or
+// event pump clears what was stored.
+TEST_F(AccessoryConnection, StoredErrorStaysReportedWithoutTouchingTheFlags) {
     ToolkitConnection& connection = Connected();
     PhoneSends(Text("lost"), LIBUSB_TRANSFER_ERROR);
     EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
     EXPECT_EQ("Error in read completion status 1", connection.Log().back());
-    uint32_t activity = 0xA5A5;
+    const KestoBearerInterface& api = toolkit.Interface();
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(KestoBearerErrorFailed, api.connectionTimerExpired(connection.Handle()));
+        uint32_t activity = 0xA5A5;
+        EXPECT_EQ(KestoBearerErrorFailed, api.connectionGetActivity(connection.Handle(), &activity));
+        EXPECT_EQ(0xA5A5u, activity);
+        int handle = -1;
+        EXPECT_EQ(KestoBearerErrorFailed, api.connectionGetEventHandle(connection.Handle(), &handle, nullptr));
+        EXPECT_NE(-1, handle);
+    }
+}
+
+// The bytes are the toolkit's once copied: a failure to read on is reported
+// by the next GetActivity, not by the Read that delivered them.
+TEST_F(AccessoryConnection, ReadThatCannotReadOnStillDeliversWhatItCopied) {
+    ToolkitConnection& connection = Connected();
+    PhoneSends(Text("kept"));
+    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
+    const Toolkit::Transfer read = toolkit.Read(connection, 64);
+    EXPECT_EQ(KestoBearerErrorNone, read.result);
+    EXPECT_EQ(Text("kept"), read.bytes);
+    EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
+    uint32_t activity = 0;
     EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
-    EXPECT_EQ(0xA5A5u, activity);
-    int handle = -1;
-    EXPECT_EQ(KestoBearerErrorFailed,
-              toolkit.Interface().connectionGetEventHandle(connection.Handle(), &handle, nullptr));
-    EXPECT_NE(-1, handle);
+}
+
+// An empty packet while the handshake is awaited asks for the handshake again,
+// so data that follows the handshake has no read to land in before our answer.
+TEST_F(AccessoryConnection, EmptyPacketBeforeTheHandshakeIsFollowedByOneHandshakeRead) {
+    ToolkitConnection& connection = AtHandshake({});
+    EXPECT_THAT(ReadTimeouts(), ElementsAre(3000u, 3000u));
+    EXPECT_EQ(1u, Transfers::InFlight().size());
+    PhoneSends(kDeviceHandshake);
+    EXPECT_FALSE(Transfers::OldestInFlight(kIn).has_value()) << "a read is open during the host handshake";
+    ASSERT_TRUE(Transfers::CompleteOldest(kOut));
+    Settle();
+    EXPECT_THAT(connection.Statuses(), ElementsAre(3, 4));
+    EXPECT_THAT(connection.Log(), Not(Contains(HasSubstr("not expected"))));
+}
+
+// The event thread's wait fails in a way it cannot outlive: the toolkit hears
+// of it on its own thread, at its next GetActivity, and from then on.
+TEST_F(AccessoryConnection, EventThreadThatStopsIsReportedByGetActivity) {
+    ToolkitConnection& connection = Connected();
+    SelectFaults::FailNext(ENOMEM);
+    ASSERT_TRUE(Transfers::CompleteOldest(kIn, kCompleted, Text("wake")));
+    RunUntilFailed(connection);
+    SelectFaults::Reset();
+    EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
+    EXPECT_EQ(1, std::count(connection.Log().begin(), connection.Log().end(),
+                            "Error: USB event thread stopped: " + std::string(strerror(ENOMEM))));
+    uint32_t activity = 0;
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
 }
 
 TEST_F(AccessoryConnection, TransportAndMediumAreUsb) {
@@ -156,7 +208,6 @@ TEST_F(AccessoryConnection, PhoneUnpluggedMidTransferEndsInAnError) {
     EXPECT_THAT(connection.Log(), Contains("Write failed with status: 5"));
     EXPECT_EQ(KestoBearerErrorFailed, toolkit.Write(connection, Text("again")).result);
     EXPECT_EQ(KestoBearerErrorFailed, toolkit.Read(connection, 64).result);
-    EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
 }
 
 // Most stories end with the connection destroyed where they leave it; these

@@ -61,6 +61,26 @@ TEST_F(AccessoryConnection, NumericFieldsAreReadAsLeadingDecimalNumbers) {
     }
 }
 
+// After a failed Establish every slot answers with that failure, takes no
+// bytes and touches no transfer.
+void ExpectEverySlotAnswers(const KestoBearerInterface& api, ToolkitConnection& connection, int failure) {
+    void* handle = connection.Handle();
+    uint8_t buffer[1024] = {};
+    uint32_t length = sizeof buffer;
+    EXPECT_EQ(failure, api.connectionWrite(handle, buffer, &length));
+    EXPECT_EQ(0u, length);
+    length = sizeof buffer;
+    EXPECT_EQ(failure, api.connectionRead(handle, buffer, &length));
+    EXPECT_EQ(0u, length);
+    uint32_t activity = 0xA5;
+    EXPECT_EQ(failure, api.connectionGetActivity(handle, &activity));
+    EXPECT_EQ(0xA5u, activity);
+    int eventHandle = 0;
+    EXPECT_EQ(failure, api.connectionGetEventHandle(handle, &eventHandle, nullptr));
+    EXPECT_EQ(failure, api.connectionTimerExpired(handle));
+    EXPECT_THAT(Submitted(kOut), testing::IsEmpty());
+}
+
 TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
     struct EarlyFailure {
         std::function<void()> arrange;
@@ -73,6 +93,14 @@ TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
          {"Error, could not initialise libusb", "Failed to initialise LibUSBBearerConnection: libusb error -3"}, false},
         {[] { Failures::Fail(Function::AllocTransfer, 0); }, KestoBearerErrorFailed,
          {"Could not allocate transfer for read transfers",
+          "Failed to initialise LibUSBBearerConnection: libusb error -11"},
+         false},
+        {[] { Failures::Fail(Function::AllocTransfer, 0, 2); }, KestoBearerErrorFailed,
+         {"Could not allocate transfer for write transfers",
+          "Failed to initialise LibUSBBearerConnection: libusb error -11"},
+         false},
+        {[] { Failures::Fail(Function::AllocTransfer, 0, 3); }, KestoBearerErrorFailed,
+         {"Could not allocate transfer for control transfers",
           "Failed to initialise LibUSBBearerConnection: libusb error -11"},
          false},
         {[] { AllocationFailures::FailAfter(0); }, KestoBearerErrorFailed,
@@ -93,6 +121,7 @@ TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
         ToolkitConnection& connection = Establish({}, failure.result);
         EXPECT_THAT(connection.Log(), ElementsAreArray(failure.log));
         EXPECT_EQ(failure.connecting, !connection.Statuses().empty());
+        ExpectEverySlotAnswers(toolkit.Interface(), connection, failure.result);
         NextStory(connection);
     }
 }

@@ -14,6 +14,9 @@ using fakeusb::Function;
 using testing::Not;
 using Clock = std::chrono::steady_clock;
 
+// The first search that takes any accessory when no serial matches.
+constexpr int kFallbackSearch = 22;
+
 // ThreadSanitizer and qemu run the stream several times slower; they move less of it.
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr size_t kStreamBytes = 2 * 1024 * 1024;
@@ -161,6 +164,41 @@ TEST_F(AccessoryConnection, ReturnedPhoneIsChosenBySerialOverAStranger) {
     EXPECT_EQ(1, std::count(connection.Log().begin(), connection.Log().end(),
                             "Located device with matching serial number"));
     EXPECT_GE(CallCount("libusb_close(1:7)"), 6);
+}
+
+// Cheap phones share one serial. Another one already in accessory mode is
+// never taken for ours, not even by the fallback; of two that come back, the
+// one on our phone's port is.
+TEST_F(AccessoryConnection, SwitchedPhoneIsTheOneThatComesBackNotAnotherWithItsSerial) {
+    fakeusb::DeviceSpec other = fakeusb::AccessoryPhone(1, 9, kSerial);
+    other.ports = {3};
+    for (const bool comesBack : {true, false}) {
+        const int otherId = fakeusb::Bus::Add(other);
+        PhoneScript script;
+        if (!comesBack) {
+            script.comesBackAs.clear();
+        }
+        PlugPhone(script);
+        ToolkitConnection& connection = Establish();
+        if (comesBack) {
+            EXPECT_EQ(returned[0], AwaitTransfer(kIn).deviceId);
+        } else {
+            toolkit.RunUntil([&] { return connection.TimerExpiries() >= kFallbackSearch + 2; },
+                             std::chrono::seconds(10));
+        }
+        EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(otherId), testing::IsEmpty());
+        NextStory(connection);
+    }
+
+    PhoneScript script;
+    fakeusb::DeviceSpec twin = fakeusb::AccessoryPhone(1, 7, kSerial);
+    twin.ports = {2};
+    script.comesBackAs = {twin, fakeusb::AccessoryPhone(1, 6, kSerial)};
+    PlugPhone(script);
+    ToolkitConnection& again = Establish();
+    EXPECT_EQ(returned[1], AwaitTransfer(kIn).deviceId);
+    EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(returned[0]), testing::IsEmpty());
+    EXPECT_EQ(0, again.Failure());
 }
 
 // Without the serial the phone is taken as the first accessory on the bus,

@@ -474,6 +474,58 @@ TEST_F(TransferEngine, AWriteWhoseRestCannotBeResubmittedEndsInError) {
     EXPECT_EQ(Write(Count(10)), 0);
 }
 
+// A phone's read ends only on a short packet: a write of whole packets needs
+// a zero-length one after it, added by libusb where it can and sent by us
+// where it cannot, and the owner hears of the write once, after it.
+TEST_F(TransferEngine, AWriteOfWholePacketsEndsWithAZeroLengthPacket) {
+    for (const auto& [length, flagged] : {std::pair<size_t, bool>{512, true}, {16384, true}, {1023, false},
+                                          {513, false}, {10, false}}) {
+        ASSERT_EQ(Write(Count(length)), 0);
+        EXPECT_EQ(Oldest(kOut).flags, flagged ? LIBUSB_TRANSFER_ADD_ZERO_PACKET : 0) << length;
+        Finish(Oldest(kOut));
+    }
+    observer = Recorder();
+    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NOT_SUPPORTED); // a libusb without the flag
+    ASSERT_EQ(Write(Count(1024)), 0);
+    for (int round = 0; round < 2; ++round) { // the refusal is remembered
+        EXPECT_EQ(Oldest(kOut).flags, 0);
+        Finish(Oldest(kOut), LIBUSB_TRANSFER_COMPLETED, {}, 512); // half now, half resent
+        Finish(Oldest(kOut));
+        EXPECT_TRUE(transport->IsWriteInProgress());
+        EXPECT_EQ(Oldest(kOut).length, 0);
+        Finish(Oldest(kOut));
+        EXPECT_FALSE(transport->IsWriteInProgress());
+        ASSERT_EQ(Write(Count(512)), 0);
+        Finish(Oldest(kOut));
+        EXPECT_EQ(Oldest(kOut).length, 0);
+        Finish(Oldest(kOut));
+        if (round == 0) {
+            ASSERT_EQ(Write(Count(1024)), 0);
+        }
+    }
+    EXPECT_THAT(observer.events, ElementsAre("write 0", "write 0", "write 0", "write 0"));
+    // Five plain writes; the refused submission and its retry; per round the
+    // rest, a packet, the 512 and a packet; the second 1024 between rounds.
+    EXPECT_EQ(Calls::Count("libusb_submit_transfer"), 5 + 2 + 4 + 1 + 4);
+}
+
+// A write that ends short while Close drains would otherwise send its rest,
+// which nothing cancels: the drain would never end.
+TEST_F(TransferEngine, CloseEndsAWriteThatCompletesShortInsteadOfSendingItsRest) {
+    ASSERT_EQ(Write(Count(4096)), 0);
+    ASSERT_TRUE(Transfers::CompleteOldest(kOut, LIBUSB_TRANSFER_COMPLETED, {}, 1)); // too late to cancel
+    int passes = 0;
+    Events::SetHandleEventsHook([&] {
+        if (++passes == 50) {
+            Transfers::CompleteOldest(kOut); // lets an old build end, and fail below
+        }
+    });
+    transport->Close();
+    EXPECT_THAT(observer.events, ElementsAre("write 0"));
+    EXPECT_EQ(Calls::Count("libusb_submit_transfer"), 1);
+    EXPECT_LT(passes, 50);
+}
+
 // ---- Reads ----
 
 TEST_F(TransferEngine, AReadThatFinishesBeforeTheOneSubmittedAheadOfItWaitsItsTurnAndNoDataIsLost) {
