@@ -7,8 +7,6 @@
 
 namespace {
 
-// Not a multiple of 64, so that each ping is one transfer that ends short.
-constexpr uint64_t kPingSize = 100;
 constexpr size_t kReadBufferBytes = 16 * 1024;
 // Enough queued to keep the plug-in's one write busy back to back.
 constexpr size_t kQueueAhead = 4 * OutgoingBuffer::kMaxPiece;
@@ -31,9 +29,10 @@ double Milliseconds(std::chrono::steady_clock::duration d) {
 
 } // namespace
 
-EchoCheck::EchoCheck(HostLog& log, uint64_t bulkBytes, int pings)
-    : log_(log), bulkBytes_(bulkBytes), pings_(pings), pingBytes_(kPingSize * static_cast<uint64_t>(pings)),
-      readBuffer_(kReadBufferBytes), lastProgress_(Clock::now()) {}
+EchoCheck::EchoCheck(HostLog& log, uint64_t bulkBytes, int pings, size_t pingSize)
+    : log_(log), bulkBytes_(bulkBytes), pings_(pings), pingSize_(pingSize),
+      pingBytes_(pingSize * static_cast<uint64_t>(pings)), readBuffer_(kReadBufferBytes),
+      lastProgress_(Clock::now()) {}
 
 void EchoCheck::Serve(ToolkitSession& session, const std::vector<pollfd>&, uint32_t activity) {
     if (!started_) {
@@ -109,15 +108,15 @@ void EchoCheck::NoteReturned(Clock::time_point now) {
 }
 
 void EchoCheck::Refill() {
-    uint8_t chunk[64 * 1024];
+    uint8_t chunk[kLargestPing];
     if (pingsDone_ < pings_) {
         // One ping at a time: the next goes out once the last has come back.
         if (generated_ == returned_) {
-            for (uint64_t i = 0; i < kPingSize; ++i) {
+            for (size_t i = 0; i < pingSize_; ++i) {
                 chunk[i] = PatternByte(generated_ + i);
             }
-            toPhone_.Append(chunk, kPingSize);
-            generated_ += kPingSize;
+            toPhone_.Append(chunk, pingSize_);
+            generated_ += pingSize_;
         }
         return;
     }
@@ -185,7 +184,7 @@ void EchoCheck::Report() const {
         size_t middle = sorted.size() / 2;
         double median = sorted.size() % 2 != 0 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
         std::printf("round trip, %zu pings of %llu bytes: min %.3f ms, median %.3f ms, max %.3f ms\n",
-                    sorted.size(), static_cast<unsigned long long>(kPingSize), sorted.front(), median, sorted.back());
+                    sorted.size(), static_cast<unsigned long long>(pingSize_), sorted.front(), median, sorted.back());
     }
     if (bulkBytes_ > 0) {
         double seconds = std::chrono::duration<double>(bulkEndedAt_ - bulkStartedAt_).count();

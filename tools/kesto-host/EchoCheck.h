@@ -15,8 +15,10 @@
 class EchoCheck : public StreamClient {
 public:
     static constexpr int kExitMismatch = 3;
+    static constexpr size_t kLargestPing = 64 * 1024;
 
-    EchoCheck(HostLog& log, uint64_t bulkBytes, int pings);
+    // pingSize: 1 to kLargestPing bytes.
+    EchoCheck(HostLog& log, uint64_t bulkBytes, int pings, size_t pingSize);
 
     void AddPollFds(std::vector<pollfd>&) override {}
     void Serve(ToolkitSession& session, const std::vector<pollfd>& fds, uint32_t activity) override;
@@ -38,6 +40,7 @@ private:
     HostLog& log_;
     const uint64_t bulkBytes_;
     const int pings_;
+    const size_t pingSize_;
     const uint64_t pingBytes_;
     OutgoingBuffer toPhone_;
     std::vector<uint8_t> readBuffer_;

@@ -5,18 +5,14 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 namespace {
 
 volatile std::sig_atomic_t gSignal = 0;
-bool gSignalsPrepared = false;
-sigset_t gCaught;
-// The mask in force while the loop waits: the caller's, with the caught signals open.
-sigset_t gWaitMask;
-// Written by the handler, watched by the loop: wakes it when the signal was
-// handled on some other thread (a preloaded library's, say).
+// Written by the handler, watched by the loop: the handler may run on any
+// thread of the process, the plug-in's included, and the byte wakes the loop
+// wherever it ran.
 int gSignalPipe[2] = {-1, -1};
 
 constexpr int kCaughtSignals[] = {SIGINT, SIGTERM, SIGHUP};
@@ -27,17 +23,6 @@ void OnSignal(int signal) {
     char byte = 0;
     (void)!write(gSignalPipe[1], &byte, 1);
     errno = savedErrno;
-}
-
-// ppoll delivers an opened signal only when it actually sleeps; a loop that
-// always finds something ready would leave the signal pending for ever.
-bool SignalArrived() {
-    timespec noWait{};
-    int signal = gSignalsPrepared ? sigtimedwait(&gCaught, nullptr, &noWait) : -1;
-    if (signal > 0) {
-        gSignal = signal;
-    }
-    return gSignal != 0;
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {
@@ -53,22 +38,15 @@ void EventLoop::PrepareSignals() {
     if (pipe2(gSignalPipe, O_NONBLOCK | O_CLOEXEC) != 0) {
         gSignalPipe[0] = gSignalPipe[1] = -1;
     }
+    // Nothing is blocked: with the pipe the loop needs no mask to hear of a
+    // signal, and a toolkit's process takes signals on every thread, so the
+    // plug-in's threads get them too, as they would in a toolkit.
     struct sigaction caught {};
     caught.sa_handler = OnSignal;
     sigemptyset(&caught.sa_mask);
-    sigemptyset(&gCaught);
     for (int signal : kCaughtSignals) {
         sigaction(signal, &caught, nullptr);
-        sigaddset(&gCaught, signal);
     }
-    // The plug-in's event thread inherits this mask; a signal that reached it
-    // would interrupt its select() and stop it for good. Blocked here too, the
-    // plug-in's calls never see EINTR either.
-    pthread_sigmask(SIG_BLOCK, &gCaught, &gWaitMask);
-    for (int signal : kCaughtSignals) {
-        sigdelset(&gWaitMask, signal);
-    }
-    gSignalsPrepared = true;
 }
 
 EventLoop::EventLoop(ToolkitSession& session, StreamClient& client, HostLog& log,
@@ -78,7 +56,7 @@ EventLoop::EventLoop(ToolkitSession& session, StreamClient& client, HostLog& log
 
 int EventLoop::Run() {
     std::vector<pollfd> fds;
-    while (!SignalArrived()) {
+    while (gSignal == 0) {
         if (connected_ && client_.Finished()) {
             return client_.ExitCode();
         }
@@ -133,7 +111,7 @@ bool EventLoop::WaitOnce(std::vector<pollfd>& fds) {
         timeout.tv_nsec = static_cast<long>(ns % 1000000000);
     }
     bool bounded = wake != StreamClient::Clock::time_point::max();
-    int n = ppoll(fds.data(), fds.size(), bounded ? &timeout : nullptr, gSignalsPrepared ? &gWaitMask : nullptr);
+    int n = ppoll(fds.data(), fds.size(), bounded ? &timeout : nullptr, nullptr);
     if (n < 0) {
         if (errno != EINTR) {
             log_.Error("poll failed: %s", std::strerror(errno));

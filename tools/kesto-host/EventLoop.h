@@ -16,10 +16,8 @@ public:
     static constexpr int kExitFailure = 1;
     static constexpr int kExitInterrupted = 130;
 
-    // Makes SIGINT, SIGTERM and SIGHUP end the loop cleanly. They stay blocked in
-    // this thread and in every thread started later, the plug-in's among them,
-    // except while the loop waits. Ignores SIGPIPE. Call before the plug-in
-    // starts any thread.
+    // Makes SIGINT, SIGTERM and SIGHUP end the loop cleanly, on whichever thread
+    // they land. Ignores SIGPIPE.
     static void PrepareSignals();
 
     // connectTimeout zero: wait for ever.

@@ -1,5 +1,7 @@
 #include "kesto-host/Options.h"
 
+#include "kesto-host/EchoCheck.h"
+
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -71,8 +73,8 @@ bool ParseByteCount(const std::string& text, uint64_t& out) {
 }
 
 bool TakesValue(const std::string& name) {
-    static const char* const kValued[] = {"--plugin", "--serial", "--bus",   "--address",
-                                          "--pings",  "--timeout", "--linger", "--bytes"};
+    static const char* const kValued[] = {"--plugin",     "--serial",  "--bus",    "--address", "--pings",
+                                          "--ping-bytes", "--timeout", "--linger", "--bytes"};
     for (const char* valued : kValued) {
         if (name == valued) {
             return true;
@@ -158,6 +160,9 @@ Outcome ApplyNumber(const std::string& name, const std::string& value, Options& 
     } else if (name == "--pings") {
         ok = ParseInt(value, 0, 1000, number);
         out.pings = static_cast<int>(number);
+    } else if (name == "--ping-bytes") {
+        ok = ParseInt(value, 1, static_cast<long>(EchoCheck::kLargestPing), number);
+        out.pingBytes = static_cast<size_t>(number);
     } else if (name == "--interface" || name == "--altsetting") {
         ok = ParseInt(value, 0, 255, number);
         out.fields[name.substr(2)] = value;
@@ -222,6 +227,7 @@ struct ModeOption {
 constexpr ModeOption kModeOptions[] = {
     {"--bytes", Options::Mode::Echo},
     {"--pings", Options::Mode::Echo},
+    {"--ping-bytes", Options::Mode::Echo},
     {"--linger", Options::Mode::Bridge},
     {"--all", Options::Mode::List},
 };
@@ -338,6 +344,7 @@ Echo:
   --bytes N[K|M|G]      bytes to send after the pings (default 1M; binary units)
   --pings N             small messages sent one at a time to time the round trip
                         (default 10)
+  --ping-bytes N        bytes in each of those messages, 1 to 65536 (default 100)
 
 Bridge:
   --linger SECONDS      after standard input has ended and been sent, keep copying

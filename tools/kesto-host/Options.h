@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -32,6 +33,7 @@ public:
     double timeoutSeconds = 30;
     uint64_t echoBytes = 1024 * 1024;
     int pings = 10;
+    size_t pingBytes = 100;
     double lingerSeconds = 0;
     bool listAll = false;
 };

@@ -2,13 +2,6 @@
 
 #include <algorithm>
 
-namespace {
-
-// Every bulk packet size divides this one.
-constexpr size_t kPacketMultiple = 64;
-
-} // namespace
-
 void OutgoingBuffer::Append(const uint8_t* data, size_t size) {
     // Compacting only once the consumed head outweighs the rest keeps appends cheap.
     if (head_ > 0 && head_ >= bytes_.size() / 2) {
@@ -18,14 +11,7 @@ void OutgoingBuffer::Append(const uint8_t* data, size_t size) {
     bytes_.insert(bytes_.end(), data, data + size);
 }
 
-size_t OutgoingBuffer::NextPieceLength() const {
-    size_t length = std::min(Size(), kMaxPiece);
-    if (length > 1 && length % kPacketMultiple == 0) {
-        // The held-back byte leads the next piece, which ends short itself.
-        --length;
-    }
-    return length;
-}
+size_t OutgoingBuffer::NextPieceLength() const { return std::min(Size(), kMaxPiece); }
 
 int OutgoingBuffer::OfferTo(const WriteFunction& write, size_t* taken) {
     size_t total = 0;

@@ -5,18 +5,15 @@
 #include <functional>
 #include <vector>
 
-// Bytes on their way to the phone, offered to the plug-in one transfer-sized
-// piece at a time. The phone ends a read only on a short packet, so a transfer
-// that is a whole number of packets would sit in the phone until more arrives:
-// no piece is ever a multiple of 64 bytes, which every bulk packet size
-// (64, 512, 1024) divides.
+// Bytes on their way to the phone, offered to the plug-in one piece at a time,
+// as they came, cut only where a piece would exceed one phone read.
 class OutgoingBuffer {
 public:
     // Takes data and length (in: offered, out: taken); returns a result code.
     using WriteFunction = std::function<int(const uint8_t* data, uint32_t& length)>;
 
-    // The largest piece: below the phone's 16 KiB read and not a whole number of packets.
-    static constexpr size_t kMaxPiece = 16383;
+    // The largest piece: the phone's accessory driver reads at most 16 KiB at a time.
+    static constexpr size_t kMaxPiece = 16384;
 
     void Append(const uint8_t* data, size_t size);
     size_t Size() const { return bytes_.size() - head_; }
