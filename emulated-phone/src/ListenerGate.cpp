@@ -25,18 +25,27 @@ std::mutex& ListenerGate::Turn()
     return *turn;
 }
 
-// libudev binds its monitor with a netlink address, which umockdev's preload
-// turns into a socket named <root>/event<descriptor>, first unlinking any
-// stale one of that name.
 int ListenerGate::OnChange(int fd, const sockaddr* address)
 {
-    bool listener = address ? address->sa_family == AF_NETLINK : Listener(fd);
+    bool listener = address ? Binding(fd, *address) : Listener(fd);
     if (listener)
         Turn().lock();
     return listener;
 }
 
 void ListenerGate::OnChanged() { Turn().unlock(); }
+
+// libudev binds its monitor with a netlink address to a socket that umockdev's
+// preload made a local one; the preload then names it <root>/event<descriptor>,
+// first unlinking any stale socket of that name. A real netlink socket (GLib's
+// network monitor, say) is left alone.
+bool ListenerGate::Binding(int fd, const sockaddr& address)
+{
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return address.sa_family == AF_NETLINK && getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
+           domain == AF_UNIX;
+}
 
 // A socket named like umockdev's listeners. umockdev's own sending socket has
 // no name, or an abstract one, so the sender never waits for itself. No

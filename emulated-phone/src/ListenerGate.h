@@ -21,6 +21,7 @@ public:
 private:
     static int OnChange(int fd, const sockaddr* address);
     static void OnChanged();
+    static bool Binding(int fd, const sockaddr& address);
     static bool Listener(int fd);
 };
 
