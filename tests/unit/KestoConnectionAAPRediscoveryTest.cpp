@@ -181,7 +181,9 @@ TEST_F(AccessoryConnection, SwitchedPhoneIsTheOneThatComesBackNotAnotherWithItsS
         PlugPhone(script);
         ToolkitConnection& connection = Establish();
         if (comesBack) {
-            EXPECT_EQ(returned[0], AwaitTransfer(kIn).deviceId);
+            const int connectedTo = AwaitTransfer(kIn).deviceId;
+            ASSERT_EQ(1u, returned.size());
+            EXPECT_EQ(returned[0], connectedTo);
         } else {
             toolkit.RunUntil([&] { return connection.TimerExpiries() >= kFallbackSearch + 2; },
                              std::chrono::seconds(10));
@@ -196,7 +198,9 @@ TEST_F(AccessoryConnection, SwitchedPhoneIsTheOneThatComesBackNotAnotherWithItsS
     script.comesBackAs = {twin, fakeusb::AccessoryPhone(1, 6, kSerial)};
     PlugPhone(script);
     ToolkitConnection& again = Establish();
-    EXPECT_EQ(returned[1], AwaitTransfer(kIn).deviceId);
+    const int connectedTo = AwaitTransfer(kIn).deviceId;
+    ASSERT_EQ(2u, returned.size());
+    EXPECT_EQ(returned[1], connectedTo);
     EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(returned[0]), testing::IsEmpty());
     EXPECT_EQ(0, again.Failure());
 }
