@@ -24,7 +24,7 @@ char* KestoBearerImpl::GetProperty(int property) {
     case KestoBearerPropertyName:
         return AllocPropertyString(name_.c_str());
     case KestoBearerPropertyVersion:
-        return AllocPropertyString("2.7.0.2565");
+        return AllocPropertyString(KESTO_BEARER_VERSION);
     default:
         return nullptr;
     }

@@ -28,6 +28,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "kesto/KestoBearerVersion.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -58,7 +60,7 @@ enum {
     KestoBearerPropertyName = 0,        /* the name given to KestoBearerInitialize */
     KestoBearerPropertyTitle = 1,       /* "Kesto Android Accessory Protocol bearer" */
     KestoBearerPropertyDescription = 2, /* "Connects to an Android device, acting as an Accessory" */
-    KestoBearerPropertyVersion = 3      /* "2.7.0.2565" */
+    KestoBearerPropertyVersion = 3      /* KESTO_BEARER_VERSION, from kesto/KestoBearerVersion.h */
 };
 
 /* Property numbers for connectionGetProperty; both answer "USB". */
