@@ -4,34 +4,23 @@
 
 #include <libusb.h>
 
+#include "kesto-host/PhoneMakers.h"
+
 namespace {
 
 constexpr uint16_t kAccessoryVendor = 0x18D1;
-constexpr uint16_t kAccessoryProduct = 0x2D00;
-constexpr uint16_t kAccessoryDebugProduct = 0x2D01;
+// Accessory modes: 0x2D00 to 0x2D05, with and without audio and the debug bridge.
+constexpr uint16_t kAccessoryFirstProduct = 0x2D00;
+constexpr uint16_t kAccessoryLastProduct = 0x2D05;
 
-// Vendor ids of common Android phone makers; kept in step with the udev rules.
-// Makers whose id also covers keyboards, docks or radios are left out, so that a
-// desk full of peripherals still has one obvious phone; name those with --bus.
-constexpr uint16_t kPhoneVendors[] = {
-    0x18D1, // Google
-    0x04E8, // Samsung
-    0x0BB4, // HTC
-    0x22B8, // Motorola
-    0x1004, // LG
-    0x0FCE, // Sony Mobile
-    0x12D1, // Huawei
-    0x2717, // Xiaomi
-    0x2A70, // OnePlus
-    0x22D9, // OPPO, realme
-    0x2D95, // vivo
-    0x19D2, // ZTE
-    0x2E04, // HMD (Nokia)
-    0x2AE5, // Fairphone
-    0x1BBB, // TCL, Alcatel
-    0x04DD, // Sharp
-    0x2E17, // Essential
-};
+const PhoneMaker* FindMaker(uint16_t vendor) {
+    for (const PhoneMaker& maker : kPhoneMakers) {
+        if (maker.vendor == vendor) {
+            return &maker;
+        }
+    }
+    return nullptr;
+}
 
 bool IsDebugBridge(const libusb_interface_descriptor& alt) {
     return alt.bInterfaceClass == 0xFF && alt.bInterfaceSubClass == 0x42 && alt.bInterfaceProtocol == 0x01;
@@ -69,9 +58,11 @@ DeviceLister::Device Inspect(libusb_device* device, const libusb_device_descript
     d.vendor = descriptor.idVendor;
     d.product = descriptor.idProduct;
     d.hub = descriptor.bDeviceClass == LIBUSB_CLASS_HUB;
-    d.accessoryMode = d.vendor == kAccessoryVendor &&
-                      (d.product == kAccessoryProduct || d.product == kAccessoryDebugProduct);
-    d.phoneVendor = std::find(std::begin(kPhoneVendors), std::end(kPhoneVendors), d.vendor) != std::end(kPhoneVendors);
+    d.accessoryMode = d.vendor == kAccessoryVendor && d.product >= kAccessoryFirstProduct &&
+                      d.product <= kAccessoryLastProduct;
+    const PhoneMaker* maker = FindMaker(d.vendor);
+    d.maker = maker != nullptr ? maker->name : "";
+    d.phoneVendor = maker != nullptr && maker->onlyPhones;
     d.debugBridge = !d.hub && HasDebugBridge(device);
     libusb_device_handle* handle = nullptr;
     if (!d.hub && libusb_open(device, &handle) == 0) {
@@ -89,13 +80,13 @@ bool DeviceLister::Enumerate(std::vector<Device>& devices, std::string& error) {
     libusb_context* context = nullptr;
     int rc = libusb_init(&context);
     if (rc != 0) {
-        error = std::string("libusb cannot start: ") + libusb_error_name(rc);
+        error = "libusb cannot start: " + LibusbResult(rc);
         return false;
     }
     libusb_device** list = nullptr;
     ssize_t count = libusb_get_device_list(context, &list);
     if (count < 0) {
-        error = std::string("cannot list USB devices: ") + libusb_error_name(static_cast<int>(count));
+        error = "cannot list USB devices: " + LibusbResult(static_cast<int>(count));
         libusb_exit(context);
         return false;
     }
@@ -111,6 +102,10 @@ bool DeviceLister::Enumerate(std::vector<Device>& devices, std::string& error) {
         return a.bus != b.bus ? a.bus < b.bus : a.address < b.address;
     });
     return true;
+}
+
+std::string DeviceLister::LibusbResult(int code) {
+    return std::string(libusb_error_name(code)) + " (" + std::to_string(code) + ")";
 }
 
 std::string DeviceLister::Describe(const Device& device) {
@@ -187,6 +182,9 @@ void DeviceLister::Print(const std::vector<Device>& devices, bool all, FILE* out
         std::string serial = !d.stringsRead ? "?" : d.serial.empty() ? "-" : d.serial;
         std::string separator = d.manufacturer.empty() || d.productName.empty() ? "" : " ";
         std::string name = d.manufacturer + separator + d.productName;
+        if (name.empty()) {
+            name = d.maker;
+        }
         if (d.debugBridge) {
             name += " [debug bridge]";
         }

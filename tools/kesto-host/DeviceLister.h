@@ -20,7 +20,8 @@ public:
         std::string productName;
         bool accessoryMode = false;
         bool debugBridge = false;  // exposes the Android debug-bridge interface
-        bool phoneVendor = false;  // vendor id of a common Android phone maker
+        std::string maker;         // the maker's name when the vendor id is in the makers' list
+        bool phoneVendor = false;  // a maker whose vendor id is used for phones and tablets only
         bool hub = false;
 
         bool LooksLikePhone() const { return accessoryMode || debugBridge || phoneVendor; }
@@ -35,4 +36,6 @@ public:
     // One line per device, phones only unless all; hubs never.
     static void Print(const std::vector<Device>& devices, bool all, FILE* out);
     static std::string Describe(const Device& device);
+    // A libusb result as its name and number: "LIBUSB_ERROR_NO_DEVICE (-4)".
+    static std::string LibusbResult(int code);
 };
