@@ -62,6 +62,9 @@ int EventLoop::Run() {
         }
         uint32_t activity = 0;
         if (!WaitOnce(fds) || !ServeConnection(fds[0].revents != 0, activity)) {
+            if (!connected_) {
+                session_.ReportStage();
+            }
             return kExitFailure;
         }
         if (!connected_ && session_.Connected()) {
@@ -72,7 +75,8 @@ int EventLoop::Run() {
             client_.Serve(session_, fds, activity);
         } else if (connectTimeout_.count() > 0 && StreamClient::Clock::now() >= started_ + connectTimeout_) {
             log_.Error("not connected after %.1f s", SecondsSince(started_));
-            std::string last = log_.LastPluginLine();
+            session_.ReportStage();
+            std::string last = session_.LastPluginLine();
             log_.Error("last plug-in log line: %s", last.empty() ? "(none)" : last.c_str());
             return kExitFailure;
         }

@@ -19,6 +19,7 @@ public:
 
     Mode mode = Mode::Bridge;
     bool help = false;
+    bool version = false;
     Verbosity verbosity = Verbosity::Normal;
     std::string pluginPath;
 
@@ -34,6 +35,6 @@ public:
     uint64_t echoBytes = 1024 * 1024;
     int pings = 10;
     size_t pingBytes = 100;
-    double lingerSeconds = 0;
+    double lingerSeconds = 1;
     bool listAll = false;
 };

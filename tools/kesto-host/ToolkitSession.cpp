@@ -2,6 +2,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "kesto-host/DeviceLister.h"
 
 namespace {
 
@@ -50,10 +53,32 @@ const char* ToolkitSession::ResultName(int code) {
 
 void ToolkitSession::ReportFailure(const char* call, int code) const {
     log_.Error("%s failed: %s (%d)", call, ResultName(code), code);
-    std::string last = log_.LastPluginLine();
+    std::string last = LastPluginLine();
     if (!last.empty()) {
         log_.Error("last plug-in log line: %s", last.c_str());
     }
+}
+
+void ToolkitSession::ReportStage() const {
+    if (connection_ == nullptr) {
+        return;
+    }
+    ConnectStage::Stage stage = stage_.Current();
+    log_.Error("stopped while %s", ConnectStage::Step(stage));
+    log_.Error("usual cause: %s", ConnectStage::UsualCause(stage));
+}
+
+std::string ToolkitSession::LastPluginLine() const {
+    std::string line = log_.LastPluginLine();
+    const char* quoted = std::strstr(line.c_str(), "libusb error ");
+    if (quoted != nullptr) {
+        char* end = nullptr;
+        long code = std::strtol(quoted + std::strlen("libusb error "), &end, 10);
+        if (end != quoted + std::strlen("libusb error ") && code < 0 && code > -100) {
+            line += " [" + DeviceLister::LibusbResult(static_cast<int>(code)) + "]";
+        }
+    }
+    return line;
 }
 
 bool ToolkitSession::Start() {
@@ -69,12 +94,21 @@ bool ToolkitSession::Start() {
     }
     log_.Trace("connectionEstablish");
     rc = table_.connectionEstablish(connection_);
+    stage_.EstablishReturned(rc);
     if (rc != KestoBearerErrorNone) {
         ReportFailure("connectionEstablish", rc);
         return false;
     }
     std::string transport = TakeProperty(table_.connectionGetProperty(connection_, KestoConnectionPropertyTransport));
     log_.Trace("connectionGetProperty(%d) = %s", KestoConnectionPropertyTransport, transport.c_str());
+    return true;
+}
+
+bool ToolkitSession::BearerVersion(std::string& version) {
+    if (bearer_ == nullptr && !CreateBearer()) {
+        return false;
+    }
+    version = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyVersion));
     return true;
 }
 
@@ -171,7 +205,9 @@ int ToolkitSession::GetActivity(uint32_t& activity) {
 int ToolkitSession::TimerExpired() {
     timerDeadline_.reset();
     log_.Trace("connectionTimerExpired");
-    return table_.connectionTimerExpired(connection_);
+    int rc = table_.connectionTimerExpired(connection_);
+    stage_.TimerServed(timerDeadline_.has_value());
+    return rc;
 }
 
 int ToolkitSession::Read(std::vector<uint8_t>& buffer, uint32_t& length) {
@@ -244,11 +280,15 @@ void ToolkitSession::FreeString(void* bearerContext, char* string) {
 }
 
 void ToolkitSession::BearerLog(void* bearerContext, const char* text) {
-    From(bearerContext, kBearerTag, "bearerLog").log_.PluginLine("bearer", text);
+    ToolkitSession& self = From(bearerContext, kBearerTag, "bearerLog");
+    self.stage_.PluginLine(text);
+    self.log_.PluginLine("bearer", text);
 }
 
 void ToolkitSession::ConnectionLog(void* connectionContext, const char* text) {
-    From(connectionContext, kConnectionTag, "connectionLog").log_.PluginLine("connection", text);
+    ToolkitSession& self = From(connectionContext, kConnectionTag, "connectionLog");
+    self.stage_.PluginLine(text);
+    self.log_.PluginLine("connection", text);
 }
 
 char* ToolkitSession::GetConnectionParameter(void* connectionContext, const char* name, unsigned char flag,
@@ -275,6 +315,7 @@ int ToolkitSession::SetConnectionStatus(void* connectionContext, int status) {
             self.Violation("status KestoConnectionStatusConnected was reported a second time");
         }
         self.connected_ = true;
+        self.stage_.Connected();
     }
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kesto/KestoBearer.h"
+#include "kesto-host/ConnectStage.h"
 #include "kesto-host/HostLog.h"
 #include "kesto-host/StringLedger.h"
 
@@ -32,6 +33,9 @@ public:
     // Creates the bearer and the connection and starts connecting; false when a
     // step failed, which has been reported.
     bool Start();
+    // Creates the bearer alone and reads its version (property 3); false when
+    // the bearer could not be created, which has been reported.
+    bool BearerVersion(std::string& version);
     // Destroys the connection, then the bearer; a second call does nothing.
     void Close();
 
@@ -55,6 +59,11 @@ public:
 
     // Logs a failed call with the result code's name and the plug-in's last log line.
     void ReportFailure(const char* call, int code) const;
+    // For a connection that did not complete: the step it stopped at and what
+    // usually stops one there.
+    void ReportStage() const;
+    // The plug-in's last log line, with the name of a libusb result it quotes.
+    std::string LastPluginLine() const;
     static const char* ResultName(int code);
 
 private:
@@ -94,6 +103,7 @@ private:
     void* bearer_ = nullptr;
     void* connection_ = nullptr;
     std::optional<Clock::time_point> timerDeadline_;
+    ConnectStage stage_;
     bool connected_ = false;
     bool wrongThreadReported_ = false;
     std::atomic<int> violations_{0};

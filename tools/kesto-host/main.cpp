@@ -77,6 +77,27 @@ int CheckLedger(const StringLedger& ledger, HostLog& log, int exitCode) {
     return exitCode == 0 && !ledger.Balanced() ? EventLoop::kExitFailure : exitCode;
 }
 
+// The tool's version, then the plug-in's as its bearer reports it.
+int PrintVersion(const Options& options) {
+    std::printf("kesto-host %s\n", KESTO_HOST_VERSION);
+    std::fflush(stdout);
+    HostLog log(options.verbosity == Verbosity::Verbose ? Verbosity::Verbose : Verbosity::Quiet);
+    PluginLoader plugin;
+    if (!plugin.Load(options.pluginPath, log)) {
+        return EventLoop::kExitFailure;
+    }
+    StringLedger ledger;
+    std::string version;
+    {
+        ToolkitSession session(plugin.Initialize(), CommandFields(), log, ledger);
+        if (!session.BearerVersion(version)) {
+            return EventLoop::kExitFailure;
+        }
+    }
+    std::printf("plug-in %s (%s)\n", version.c_str(), plugin.Path().c_str());
+    return CheckLedger(ledger, log, 0);
+}
+
 int Connect(const Options& options, HostLog& log, KestoBearerInitializeFn initialize, CommandFields fields) {
     StringLedger ledger;
     int exitCode = EventLoop::kExitFailure;
@@ -85,6 +106,8 @@ int Connect(const Options& options, HostLog& log, KestoBearerInitializeFn initia
         std::unique_ptr<StreamClient> client = MakeClient(options, log);
         if (session.Start()) {
             exitCode = EventLoop(session, *client, log, Milliseconds(options.timeoutSeconds)).Run();
+        } else {
+            session.ReportStage();
         }
         // A failed establish still leaves a connection to destroy.
         session.Close();
@@ -107,6 +130,9 @@ int main(int argc, char** argv) {
     if (options.help) {
         std::fputs(Options::HelpText(), stdout);
         return 0;
+    }
+    if (options.version) {
+        return PrintVersion(options);
     }
     HostLog log(options.verbosity);
     if (options.mode == Options::Mode::List) {
