@@ -63,12 +63,15 @@ install(FILES examples/kesto-echo-host.c examples/README.md DESTINATION ${CMAKE_
 
 # Debian package: everything but the debug component.
 set(CPACK_PACKAGE_NAME kestobearer)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "Kesto")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "USB Android-accessory bearer plug-in for the Kesto toolkit")
 set(CPACK_PACKAGE_CONTACT "Kesto bearer developers <kesto-bearer@localhost>" CACHE STRING
   "Maintainer named in the Debian package")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# The host tool too ships stripped; the plug-in keeps its link to its debug file.
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
 set(CPACK_COMPONENTS_ALL Unspecified)
