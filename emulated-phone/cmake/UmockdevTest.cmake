@@ -25,5 +25,12 @@ function(emulated_phone_add_test)
       set(preload "${runtime_path}:${preload}")
     endif()
   endforeach()
-  add_test(NAME ${ARG_NAME} COMMAND env "LD_PRELOAD=${preload}" ${options} ${ARG_COMMAND})
+  if(CMAKE_CROSSCOMPILING)
+    # The target's program starts only through the emulator, whose loader
+    # takes the preload from the environment.
+    add_test(NAME ${ARG_NAME} COMMAND ${CMAKE_CROSSCOMPILING_EMULATOR} ${ARG_COMMAND})
+    set_tests_properties(${ARG_NAME} PROPERTIES ENVIRONMENT_MODIFICATION "LD_PRELOAD=set:${preload}")
+  else()
+    add_test(NAME ${ARG_NAME} COMMAND env "LD_PRELOAD=${preload}" ${options} ${ARG_COMMAND})
+  endif()
 endfunction()
