@@ -15,7 +15,7 @@ public:
     // A connectionTimerExpired call; rearmed when the plug-in asked for a new
     // timer inside it.
     void TimerServed(bool rearmed);
-    // Any thread: the plug-in may log from one of its own.
+    // One of the plug-in's log lines, as the toolkit's log function received it.
     void PluginLine(const char* text);
     void Connected() { connected_ = true; }
 
