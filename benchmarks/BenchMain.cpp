@@ -26,11 +26,15 @@ using emuphone::PhoneOptions;
 constexpr double kMegabyte = 1e6;
 constexpr int kConnectMs = 5000;
 const size_t kSizes[] = {64, 1024, 16384, 65536};
+// Each round plugs 24 phones, each at a new address: the emulated bus cannot
+// plug a phone at an address used before (umockdev keeps the old device's
+// /sys/dev/char link), so one process stays within the 126 addresses.
+constexpr int kMostRepeats = 4;
 
 struct Settings {
     bool quick = false;
     bool verbose = false;
-    int repeats = 5;
+    int repeats = 4;
     Workload::Window window{0.05, 0.3};
     int roundTrips = 1000;
     double idleSeconds = 2;
@@ -128,6 +132,13 @@ public:
                     return false;
                 Throughput("send " + SizeName(size), link, p, sample);
             }
+            // Once everything sent has arrived, the link idles, still connected.
+            if (link.model.IsInstant())
+                return true;
+            double wakeups = 0;
+            if (!w.Idle(settings_.idleSeconds, wakeups))
+                return false;
+            table_.Add("wake-ups of an idle connected link", "1/s", p, wakeups);
             return true;
         });
         PhoneOptions echo;
@@ -146,20 +157,6 @@ public:
             std::string figure = std::string("64 B echo round trip, ") + link.name;
             table_.Add(figure + ", median", "us", p, trips[trips.size() / 2]);
             table_.Add(figure + ", 99th percentile", "us", p, trips[trips.size() * 99 / 100]);
-            return true;
-        });
-    }
-
-    void Idle()
-    {
-        PhoneOptions sink;
-        sink.link = LinkModel::HighSpeed();
-        sink.application = PhoneOptions::Application::Sink;
-        Both("idle", sink, [&](BenchHost&, Workload& w, FigureTable::Program p) {
-            double wakeups = 0;
-            if (!w.Idle(settings_.idleSeconds, wakeups))
-                return false;
-            table_.Add("wake-ups of an idle connected link", "1/s", p, wakeups);
             return true;
         });
     }
@@ -226,7 +223,7 @@ bool Parse(int argc, char** argv, Settings& settings)
         } else if (arg == "--verbose") {
             settings.verbose = true;
         } else if (arg == "--repeats" && more) {
-            settings.repeats = std::max(1, std::atoi(argv[++i]));
+            settings.repeats = std::clamp(std::atoi(argv[++i]), 1, kMostRepeats);
         } else if (arg == "--json" && more) {
             settings.json = argv[++i];
         } else if (arg == "--plugin" && more) {
@@ -263,7 +260,6 @@ int main(int argc, char** argv)
     for (int repeat = 0; repeat < settings.repeats; ++repeat) {
         for (const Link& link : links)
             bench.Repeat(link);
-        bench.Idle();
         std::fprintf(stderr, "round %d of %d done\n", repeat + 1, settings.repeats);
     }
     bench.Allocations();
