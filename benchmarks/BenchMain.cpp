@@ -136,9 +136,11 @@ public:
             if (link.model.IsInstant())
                 return true;
             double wakeups = 0;
-            if (!w.Idle(settings_.idleSeconds, wakeups))
+            double switches = 0;
+            if (!w.Idle(settings_.idleSeconds, wakeups, switches))
                 return false;
             table_.Add("wake-ups of an idle connected link", "1/s", p, wakeups);
+            table_.Add("context switches in the process while idle", "1/s", p, switches);
             return true;
         });
         PhoneOptions echo;

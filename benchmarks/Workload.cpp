@@ -233,16 +233,26 @@ bool Workload::RoundTrips(int count, std::vector<double>& microseconds)
     return true;
 }
 
-bool Workload::Idle(double seconds, double& wakeupsPerSecond)
+bool Workload::Idle(double seconds, double& wakeupsPerSecond, double& switchesPerSecond)
 {
+    auto switches = [] {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        return static_cast<double>(usage.ru_nvcsw);
+    };
+    double switchesBefore = switches();
     uint64_t wakeups = host_.Wakeups();
     auto start = Clock::now();
     auto end = After(start, seconds);
+    // One wait for the whole spell, so that the host's loop adds no wake-ups of its own.
     while (Clock::now() < end) {
-        if (!host_.Pump(kPumpMs))
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (!host_.Pump(static_cast<int>(std::max<long long>(1, left))))
             return Fail(host_.Fault());
         lastProgress_ = Clock::now();
     }
-    wakeupsPerSecond = (host_.Wakeups() - wakeups) / std::chrono::duration<double>(Clock::now() - start).count();
+    double spent = std::chrono::duration<double>(Clock::now() - start).count();
+    wakeupsPerSecond = (host_.Wakeups() - wakeups) / spent;
+    switchesPerSecond = (switches() - switchesBefore) / spent;
     return fault_.empty();
 }

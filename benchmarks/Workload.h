@@ -41,7 +41,9 @@ public:
     bool Echo(size_t messageSize, const Window& window, Sample& sample);
     bool EchoBytes(size_t messageSize, uint64_t bytes);
     bool RoundTrips(int count, std::vector<double>& microseconds);
-    bool Idle(double seconds, double& wakeupsPerSecond);
+    // Wake-ups seen by the host's loop, and every thread's voluntary context
+    // switches in the process (the phone's own threads included).
+    bool Idle(double seconds, double& wakeupsPerSecond, double& switchesPerSecond);
 
     const std::string& Fault() const { return fault_; }
 
