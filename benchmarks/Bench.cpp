@@ -85,6 +85,13 @@ void Bench::Round(const Link& link)
             if (!w.Receive(settings_.window, sample))
                 return false;
             Throughput(figure, link, p, sample);
+            // What a message costs in reads decides how long the link idles.
+            if (!link.model.IsInstant() && sample.bytes) {
+                double messages = static_cast<double>(sample.bytes) / size;
+                std::string where = figure + ", " + link.name;
+                table_.Add(where + ", reads per message", "count", p, sample.reads / messages);
+                table_.Add(where + ", zero-length reads per message", "count", p, sample.zeroLengthReads / messages);
+            }
             return true;
         });
     }

@@ -82,6 +82,7 @@ bool Workload::Receive(const Window& window, Sample& sample)
         if (!PumpOnce())
             return false;
     uint64_t bytes = received_;
+    emuphone::PhoneReport before = phone_.Report();
     double cpu = CpuSeconds();
     start = Clock::now();
     auto end = After(start, window.seconds);
@@ -92,6 +93,9 @@ bool Workload::Receive(const Window& window, Sample& sample)
     sample.bytes = received_ - bytes;
     sample.bytesPerSecond = sample.bytes / seconds;
     sample.cpuSecondsPerGigabyte = sample.bytes ? (CpuSeconds() - cpu) * kGigabyte / sample.bytes : 0;
+    emuphone::PhoneReport after = phone_.Report();
+    sample.reads = after.transfersToHost - before.transfersToHost;
+    sample.zeroLengthReads = after.zeroLengthToHost - before.zeroLengthToHost;
     return true;
 }
 

@@ -21,6 +21,10 @@ public:
         double bytesPerSecond = 0;
         double cpuSecondsPerGigabyte = 0;
         uint64_t bytes = 0;
+        // Receiving: host reads the phone completed in the window, and how many
+        // of them carried only a zero-length packet.
+        uint64_t reads = 0;
+        uint64_t zeroLengthReads = 0;
     };
     struct Window {
         double warmUpSeconds = 0;
