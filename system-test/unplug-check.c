@@ -147,6 +147,22 @@ static int ErrorStays(KestoBearerInterface* table, void* connection, int error) 
     return calls;
 }
 
+/* What each call answers once the loop has stayed quiet: for the report only. */
+static void Probe(KestoBearerInterface* table, void* connection, char* text, size_t size) {
+    static uint8_t bytes[1 << 16];
+    uint32_t length = kLargestWrite, activity = 0, read = 0;
+    int w = table->connectionWrite(connection, bytes, &length), r = 0;
+    int a = table->connectionGetActivity(connection, &activity);
+    while (r == 0) {
+        length = sizeof bytes;
+        r = table->connectionRead(connection, bytes, &length);
+        if (r == 0 && length == 0) break;
+        read += length;
+    }
+    snprintf(text, size, "connectionWrite %d, connectionGetActivity %d, connectionRead %d after %u bytes, "
+             "connectionGetActivity %d", w, a, r, read, table->connectionGetActivity(connection, &activity));
+}
+
 int main(int argc, char** argv) {
     KestoBearerSupportAPI support = {AllocString, FreeString, Log, GetParameter, SetStatus, SetTimer, NULL, NULL,
                                      ConnectionLog};
@@ -156,6 +172,7 @@ int main(int argc, char** argv) {
     long long pulledAtMs = -1, errorAtMs, loopErrorAtMs, destroyMs;
     const char* call = "connectionEstablish";
     int rc = KestoBearerErrorFailed, loopError = 0, stays = 0;
+    char later[200] = "";
 
     if (argc != 5) {
         fprintf(stderr, "usage: %s PLUGIN BUS ADDRESS PHONE_PID\n", argv[0]);
@@ -177,6 +194,7 @@ int main(int argc, char** argv) {
         loopError = fromLoop ? rc : LoopReports(&table, connection, pulledAtMs + kErrorWithinMs);
         loopErrorAtMs = NowMs();
         stays = loopError != 0 ? ErrorStays(&table, connection, loopError) : 0;
+        if (loopError == 0) Probe(&table, connection, later, sizeof later);
     }
     destroyMs = NowMs();
     table.connectionDestroy(connection);
@@ -190,7 +208,7 @@ int main(int argc, char** argv) {
     }
     printf("error %d from %s %lld ms after the pull; ", rc, call, errorAtMs - pulledAtMs);
     if (loopError == 0)
-        printf("the loop's calls reported none within %d ms", kErrorWithinMs);
+        printf("the loop's calls reported none within %d ms (then: %s)", kErrorWithinMs, later);
     else
         printf("the loop's calls reported %d at %lld ms, the same on %d later calls", loopError,
                loopErrorAtMs - pulledAtMs, stays);

@@ -1,5 +1,5 @@
 # The scenarios, each with phones of its own on the guest's bus, one line each:
-#   PASS name (seconds)   or   FAIL name (seconds): why, then the run's last lines
+#   PASS name (seconds): what was measured   or   FAIL name (seconds): why, then the run's last lines
 # and at the end "N passed, M failed".
 passed=0
 failed=0
@@ -50,7 +50,7 @@ report() { # verdict, name, started, why
   took=$(awk -v a="$3" -v b="$(uptime_s)" 'BEGIN { printf "%.1f", b - a }')
   if [ "$1" = PASS ]; then
     passed=$((passed + 1))
-    echo "PASS $2 ($took s)"
+    echo "PASS $2 ($took s): $4"
   else
     failed=$((failed + 1))
     echo "FAIL $2 ($took s): $4"
@@ -59,8 +59,19 @@ report() { # verdict, name, started, why
   fi
 }
 
+# kesto.only=WORD on the kernel's command line runs only the scenarios whose
+# names hold WORD, kesto.repeat=N each of them N times: for chasing a rare failure.
+only=$(sed -n 's/.*kesto\.only=\([^ ]*\).*/\1/p' /proc/cmdline)
+repeat=$(sed -n 's/.*kesto\.repeat=\([0-9]*\).*/\1/p' /proc/cmdline)
+
 # scenario NAME SECONDS PHONE-OPTIONS -- COMMAND...: a new phone, the command under a time-out.
 scenario() {
+  case $1 in *"$only"*) ;; *) return ;; esac
+  local round
+  for round in $(seq "${repeat:-1}"); do run_scenario "$@"; done
+}
+
+run_scenario() {
   local name=$1 limit=$2 started rc why
   shift 2
   local options=""
@@ -81,8 +92,14 @@ scenario() {
   [ $rc -eq 0 ] || why="exit status $rc"
   [ $rc -ne 137 ] || why="no end within $limit s"
   [ -n "$why" ] || why=$(check_output)
-  if [ -z "$why" ]; then report PASS "$name" "$started"; else report FAIL "$name" "$started" "$why"; fi
+  if [ -z "$why" ]; then report PASS "$name" "$started" "$(results)"; else report FAIL "$name" "$started" "$why"; fi
   unplug_phone
+}
+
+# What the host side measured, on one line.
+results() {
+  grep -E '^(round trip|[0-9]+ bytes echoed|error )' /tmp/run.log | sed 's/^round trip, //' | paste -s -d'|' |
+    sed 's/|/; /g'
 }
 
 # Set per scenario: what else its output must show. Prints why it fails, if it does.
