@@ -37,12 +37,12 @@ void FigureTable::Print(std::FILE* out) const
         std::snprintf(text, sizeof text, std::fabs(value) >= 100 || value == 0 ? "%.0f" : "%.3g", value);
         return std::string(text);
     };
-    std::fprintf(out, "%-52s %-8s %10s %10s %8s\n", "figure (median)", "unit", "plug-in", "baseline", "ratio");
+    std::fprintf(out, "%-62s %-8s %10s %10s %8s\n", "figure (median)", "unit", "plug-in", "baseline", "ratio");
     for (const Row& row : rows_) {
         double plugin = Median(row.values[Plugin]);
         double baseline = Median(row.values[Baseline]);
         double ratio = baseline != 0 ? plugin / baseline : NAN;
-        std::fprintf(out, "%-52s %-8s %10s %10s %8s\n", row.figure.c_str(), row.unit.c_str(), cell(plugin).c_str(),
+        std::fprintf(out, "%-62s %-8s %10s %10s %8s\n", row.figure.c_str(), row.unit.c_str(), cell(plugin).c_str(),
                      cell(baseline).c_str(), cell(ratio).c_str());
     }
     for (const std::string& fault : faults_)
