@@ -44,7 +44,9 @@ constexpr uint8_t kBridgeSubClass = 0x42;
 constexpr uint8_t kBridgeProtocol = 0x01;
 
 constexpr uint32_t kHandshakeTimeoutMs = 3000;
-constexpr uint32_t kDataReadTimeoutMs = 60000;
+// A data read waits for as long as the phone is silent: it still ends when
+// the device goes away, and no timer wakes an idle link.
+constexpr uint32_t kDataReadTimeoutMs = 0;
 constexpr uint32_t kNoTimeout = 0;
 constexpr uint8_t kDeviceHandshake[] = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'D', 'E', 'V'};
 constexpr uint8_t kHostHandshake[] = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'H', 'O', 'S', 'T'};

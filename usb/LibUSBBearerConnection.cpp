@@ -12,8 +12,6 @@
 
 namespace {
 
-// Two bulk IN transfers: one can be refilled while the other's data waits.
-constexpr size_t kReadSlotCount = 2;
 // Size of a control transfer's setup packet, which precedes its data.
 constexpr uint32_t kSetupSize = LIBUSB_CONTROL_SETUP_SIZE;
 constexpr uint8_t kDeviceToHost = LIBUSB_ENDPOINT_IN;
@@ -36,9 +34,9 @@ LibUSBBearerConnection::~LibUSBBearerConnection() {
     for (TransferSlot& slot : readSlots) {
         slot.FreeTransfer();
     }
-    readData.clear();
-    idleReads.clear();
-    pendingReads.clear();
+    readData.Clear();
+    idleReads.Clear();
+    pendingReads.Clear();
     readSlots.clear();
     writeSlot.FreeTransfer();
     controlSlot.FreeTransfer();
@@ -71,6 +69,11 @@ int LibUSBBearerConnection::Initialise() {
         return LIBUSB_ERROR_OTHER;
     }
     readSlots.resize(kReadSlotCount);
+    if (!readData.Reserve(kReadSlotCount) || !idleReads.Reserve(kReadSlotCount) ||
+        !pendingReads.Reserve(kReadSlotCount)) {
+        Log("Could not allocate read queues");
+        return LIBUSB_ERROR_NO_MEM;
+    }
     for (TransferSlot& slot : readSlots) {
         if (!slot.AllocTransfer(0)) {
             Log("Could not allocate transfer for read transfers");
@@ -80,7 +83,7 @@ int LibUSBBearerConnection::Initialise() {
             Log("Error: could not allocate read buffer");
             return LIBUSB_ERROR_NO_MEM;
         }
-        idleReads.push_back(&slot);
+        idleReads.PushBack(&slot);
     }
     if (!writeSlot.AllocTransfer(0)) {
         Log("Could not allocate transfer for write transfers");
@@ -193,7 +196,7 @@ void LibUSBBearerConnection::Close() {
         CancelTransfer(controlSlot.transfer, "Error cancelling control transfer");
     }
     // No transfer may be freed or reused while libusb still owns it.
-    while (!pendingReads.empty() || writeInFlight || controlInFlight) {
+    while (!pendingReads.Empty() || writeInFlight || controlInFlight) {
         lock.Release();
         WaitForCompletions();
         lock.Acquire();
@@ -460,13 +463,13 @@ void LibUSBBearerConnection::OnWriteTransfer(libusb_transfer* transfer) {
 int LibUSBBearerConnection::SubmitReads(uint32_t timeoutMs, int count) {
     CompositorLock lock(compositor);
     int result = 0;
-    while (!idleReads.empty() && result == 0 && count != 0) {
-        TransferSlot* slot = idleReads.front();
-        idleReads.pop_front();
+    while (!idleReads.Empty() && result == 0 && count != 0) {
+        TransferSlot* slot = idleReads.Front();
+        idleReads.PopFront();
         slot->completed = false;
         libusb_fill_bulk_transfer(slot->transfer, handle, readEndpoint, slot->buffer, static_cast<int>(slot->size),
                                   ReadTransferCallback, this, timeoutMs);
-        pendingReads.push_back(slot);
+        pendingReads.PushBack(slot);
         lock.Release();
         result = SubmitTransfer(slot->transfer);
         lock.Acquire();
@@ -476,8 +479,8 @@ int LibUSBBearerConnection::SubmitReads(uint32_t timeoutMs, int count) {
             }
         } else {
             Log("Failed to submit libusb transfer for read: libusb error %i", result);
-            pendingReads.erase(std::remove(pendingReads.begin(), pendingReads.end(), slot), pendingReads.end());
-            idleReads.push_back(slot);
+            pendingReads.PopBack(); // the one just pushed
+            idleReads.PushBack(slot);
         }
     }
     return result;
@@ -497,16 +500,16 @@ void LibUSBBearerConnection::OnReadTransfer(libusb_transfer* transfer) {
         }
     }
     // Retire strictly in submission order, so data queues in the order it was asked for.
-    while (!pendingReads.empty() && pendingReads.front()->TakeCompleted()) {
-        TransferSlot* slot = pendingReads.front();
-        pendingReads.pop_front();
+    while (!pendingReads.Empty() && pendingReads.Front()->TakeCompleted()) {
+        TransferSlot* slot = pendingReads.Front();
+        pendingReads.PopFront();
         int status = slot->transfer->status;
         uint32_t received = static_cast<uint32_t>(std::max(slot->transfer->actual_length, 0));
         received = std::min(received, slot->size);
         if (received > 0) {
-            readData.push_back(ReadChunk{slot, received, 0}); // kept whatever the status
+            readData.PushBack(ReadChunk{slot, received, 0}); // kept whatever the status
         } else {
-            idleReads.push_back(slot);
+            idleReads.PushBack(slot);
         }
         lock.Release();
         observer->OnReadComplete(status);
@@ -517,31 +520,31 @@ void LibUSBBearerConnection::OnReadTransfer(libusb_transfer* transfer) {
 uint32_t LibUSBBearerConnection::ReadData(uint8_t* destination, uint32_t maxLength) {
     CompositorLock lock(compositor);
     uint32_t copied = 0;
-    while (!readData.empty() && copied < maxLength) {
-        ReadChunk& chunk = readData.front();
+    while (!readData.Empty() && copied < maxLength) {
+        ReadChunk& chunk = readData.Front();
         uint32_t n = std::min(maxLength - copied, chunk.length - chunk.consumed);
         std::memcpy(destination + copied, chunk.slot->buffer + chunk.consumed, n);
         copied += n;
         chunk.consumed += n;
         if (chunk.consumed == chunk.length) {
-            idleReads.push_back(chunk.slot);
-            readData.pop_front();
+            idleReads.PushBack(chunk.slot);
+            readData.PopFront();
         }
     }
     return copied;
 }
 
 uint32_t LibUSBBearerConnection::PeekReadLength() const {
-    return readData.empty() ? 0 : readData.front().length - readData.front().consumed;
+    return readData.Empty() ? 0 : readData.Front().length - readData.Front().consumed;
 }
 
 void LibUSBBearerConnection::DiscardReadData() {
     CompositorLock lock(compositor);
     for (ReadChunk& chunk : readData) {
         chunk.consumed = chunk.length;
-        idleReads.push_back(chunk.slot);
+        idleReads.PushBack(chunk.slot);
     }
-    readData.clear();
+    readData.Clear();
 }
 
 bool LibUSBBearerConnection::IsWriteInProgress() {

@@ -2,12 +2,13 @@
 
 #include <libusb.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <vector>
 
 #include "usb/LibUSBBearerObserver.h"
 #include "usb/ReadChunk.h"
+#include "usb/SlotQueue.h"
 #include "usb/TransferSlot.h"
 
 class FDCompositor;
@@ -71,9 +72,12 @@ public:
     void DiscardReadData();
     bool IsWriteInProgress();
 
-    // The largest read that is a whole number of packets and that libusb can
-    // hand the kernel in one piece.
-    static constexpr uint32_t kMaxReadSize = 16383;
+    // The phone's largest single write: a read this big takes one whole, and
+    // it is a whole number of packets at 64, 512 and 1024 bytes.
+    static constexpr uint32_t kMaxReadSize = 16384;
+    // Bulk IN transfers kept in flight in the data phase: enough that the
+    // link never waits for the toolkit to take one chunk before the next lands.
+    static constexpr size_t kReadSlotCount = 4;
 
 private:
     static void LIBUSB_CALL ControlTransferCallback(libusb_transfer* transfer);
@@ -114,7 +118,7 @@ private:
     TransferSlot writeSlot;
     bool writeInFlight;
     std::vector<TransferSlot> readSlots;
-    std::deque<ReadChunk> readData;
-    std::deque<TransferSlot*> idleReads;
-    std::deque<TransferSlot*> pendingReads;
+    SlotQueue<ReadChunk> readData;
+    SlotQueue<TransferSlot*> idleReads;
+    SlotQueue<TransferSlot*> pendingReads;
 };

@@ -96,7 +96,7 @@ TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
             layout.endpoints.empty() ? kIn : static_cast<unsigned char>(std::stoi(layout.endpoints[0], nullptr, 16)));
         EXPECT_EQ(layout.result == KestoBearerErrorNone, read.has_value());
         if (read) {
-            EXPECT_EQ(15872, read->length);
+            EXPECT_EQ(16384, read->length);
             EXPECT_TRUE(read->interfaceClaimed);
         }
         NextStory(connection);

@@ -67,7 +67,7 @@ struct PhoneEnd {
             return;
         }
         const unsigned roll = random() % 10;
-        if (reads.size() == 2 && roll < 3) {
+        if (reads.size() >= 2 && roll < 3) {
             const Bytes first = Next(reads[0]);
             Transfers::Complete(reads[1].id, kCompleted, Next(reads[1]));
             Transfers::Complete(reads[0].id, kCompleted, first);
