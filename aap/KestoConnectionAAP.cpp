@@ -138,7 +138,7 @@ KestoConnectionAAP::KestoConnectionAAP(KestoBearerImpl* bearer, void* connection
     : KestoConnectionImpl(bearer, connectionContext), state(kStateInitial), identityIndex(0), deviceDescriptor(),
       serial(), serialLength(0), rediscoveryAttempts(0), expectedControlLength(0), controlRetries(0),
       interfaceNumber(-1), alternateSetting(-1), inEndpoint(0), outEndpoint(0), protocolVersion(0),
-      transport(nullptr), error(0), portPath(), portDepth(0) {}
+      transport(nullptr), error(0), portPath(), portDepth(0), searchTimerPending(false) {}
 
 KestoConnectionAAP::~KestoConnectionAAP() {
     // First, so the completions that the transport's teardown delivers start nothing.
@@ -465,9 +465,11 @@ void KestoConnectionAAP::RequestRediscoveryTimer() {
         return;
     }
     RequestTimer(rediscoveryAttempts == 0 ? kFirstSearchDelayMs : kSearchDelayMs);
+    searchTimerPending = true;
 }
 
 int KestoConnectionAAP::TimerExpired() {
+    searchTimerPending = false;
     if (transport == nullptr) {
         return error;
     }
@@ -885,9 +887,15 @@ int KestoConnectionAAP::Write(const uint8_t* buffer, uint32_t* length) {
         *length = 0;
         return KestoBearerErrorNone;
     }
-    if (transport->SubmitWrite(buffer, *length, kNoTimeout) != 0) {
+    if (int result = transport->SubmitWrite(buffer, *length, kNoTimeout); result != 0) {
         Log("Failed to submit libusb transfer for write");
         *length = 0; // nothing was taken
+        // A write the device refuses means the link is gone, and with every
+        // read slot full of unread data nothing else would tell the next
+        // GetActivity. One too big for memory leaves the link as it was.
+        if (result != LIBUSB_ERROR_NO_MEM) {
+            error = KestoBearerErrorFailed;
+        }
         return KestoBearerErrorFailed;
     }
     return KestoBearerErrorNone;
@@ -917,8 +925,10 @@ int KestoConnectionAAP::GetActivity(uint32_t* activity) {
     if (result != 0) {
         return result;
     }
-    if (state == kStateRediscover) {
-        RequestRediscoveryTimer(); // a one-shot timer may have been used up
+    if (state == kStateRediscover && !searchTimerPending) {
+        // Only when none is due: each request replaces the last, and a toolkit
+        // that asks more often than the search ticks would put it off for ever.
+        RequestRediscoveryTimer();
     }
     ReportConnected();
     if (!transport->IsWriteInProgress()) {
@@ -939,7 +949,11 @@ char* KestoConnectionAAP::GetProperty(int property) {
 
 // ---- Transport plumbing --------------------------------------------------------------
 
-void KestoConnectionAAP::OnTimeoutRequested(int ms) { RequestTimer(ms); }
+// The toolkit keeps one timer: from now on it serves libusb, not the search.
+void KestoConnectionAAP::OnTimeoutRequested(int ms) {
+    searchTimerPending = false;
+    RequestTimer(ms);
+}
 
 void KestoConnectionAAP::OnLog(const char* format, va_list args) { LogV(format, args); }
 

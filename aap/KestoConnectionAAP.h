@@ -103,4 +103,6 @@ private:
     // Bus number and address (bus << 8 | address) of each accessory seen just
     // before the start request.
     std::vector<uint16_t> accessoriesBeforeSwitch;
+    // A search tick has been asked of the toolkit and has not come yet.
+    bool searchTimerPending;
 };

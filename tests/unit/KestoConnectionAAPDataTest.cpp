@@ -146,18 +146,29 @@ TEST_F(AccessoryConnection, StoredErrorStaysReportedWithoutTouchingTheFlags) {
     }
 }
 
-// The bytes are the toolkit's once copied: a failure to read on is reported
-// by the next GetActivity, not by the Read that delivered them.
-TEST_F(AccessoryConnection, ReadThatCannotReadOnStillDeliversWhatItCopied) {
-    ToolkitConnection& connection = Connected();
-    PhoneSends(Text("kept"));
-    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
-    const Toolkit::Transfer read = toolkit.Read(connection, 64);
-    EXPECT_EQ(KestoBearerErrorNone, read.result);
-    EXPECT_EQ(Text("kept"), read.bytes);
-    EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
-    uint32_t activity = 0;
-    EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+// A submission the device refuses is kept for the next GetActivity, which
+// may be all a toolkit asks. The bytes a Read copied are the toolkit's all
+// the same: the Read that delivered them succeeds.
+TEST_F(AccessoryConnection, RefusedSubmissionsAreReportedByTheNextGetActivity) {
+    for (const bool reading : {true, false}) {
+        ToolkitConnection& connection = Connected();
+        PhoneSends(Text("kept"));
+        Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
+        if (reading) {
+            const Toolkit::Transfer read = toolkit.Read(connection, 64);
+            EXPECT_EQ(KestoBearerErrorNone, read.result);
+            EXPECT_EQ(Text("kept"), read.bytes);
+            EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
+        } else {
+            const Toolkit::Transfer write = toolkit.Write(connection, Text("lost"));
+            EXPECT_EQ(KestoBearerErrorFailed, write.result);
+            EXPECT_EQ(0u, write.length);
+        }
+        uint32_t activity = 0;
+        EXPECT_EQ(KestoBearerErrorFailed,
+                  toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+        NextStory(connection);
+    }
 }
 
 // An empty packet while the handshake is awaited asks for the handshake again,

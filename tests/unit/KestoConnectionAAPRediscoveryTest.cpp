@@ -205,6 +205,24 @@ TEST_F(AccessoryConnection, SwitchedPhoneIsTheOneThatComesBackNotAnotherWithItsS
     EXPECT_EQ(0, again.Failure());
 }
 
+// A toolkit may ask for activity as often as it likes: while the phone is
+// away that must not put off the next search, which a new timer request would.
+TEST_F(AccessoryConnection, EagerToolkitDoesNotPutOffTheSearch) {
+    PhoneScript script;
+    script.comesBackAs.clear();
+    PlugPhone(script);
+    ToolkitConnection& connection = Establish();
+    toolkit.RunUntil([&] { return connection.TimerExpiries() >= 2; }); // away, searched for
+    const int phoneAgain = fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 6, kSerial));
+    const Clock::time_point start = Clock::now();
+    while (!Transfers::OldestInFlight(kIn) && Clock::now() - start < std::chrono::seconds(2)) {
+        uint32_t activity = 0;
+        ASSERT_EQ(0, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+        toolkit.RunOnce(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(phoneAgain, AwaitTransfer(kIn, std::chrono::milliseconds(1)).deviceId);
+}
+
 // Without the serial the phone is taken as the first accessory on the bus,
 // but only from the twenty-second search on: two at once, then ten a second.
 TEST_F(AccessoryConnection, PhoneWithoutReadableSerialIsFoundByFallbackAfterTwoSeconds) {
