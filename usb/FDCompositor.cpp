@@ -9,6 +9,9 @@
 #include <new>
 
 #include "usb/FDCompositorThread.h"
+#if KESTO_COMPOSITOR_EPOLL
+#include "usb/FDCompositorEpoll.h"
+#endif
 #include "usb/LibUSBBearerConnection.h"
 
 FDCompositor::FDCompositor(LibUSBBearerConnection* owner) : owner(owner) {}
@@ -65,7 +68,11 @@ void FDCompositor::Removed(int fd, void* userData) {
 }
 
 FDCompositor* CreateFDCompositor(LibUSBBearerConnection* owner, int* error) {
+#if KESTO_COMPOSITOR_EPOLL
+    FDCompositor* compositor = new (std::nothrow) FDCompositorEpoll(owner);
+#else
     FDCompositor* compositor = new (std::nothrow) FDCompositorThread(owner);
+#endif
     if (compositor == nullptr) {
         *error = 1;
         return nullptr;

@@ -31,7 +31,8 @@ public:
     virtual void Unlock() = 0;
     // Creates what the compositor needs to run: 0 on success, 1 on failure.
     virtual int Start() = 0;
-    // Watches fd (0), or returns 2 when out of memory.
+    // Watches fd (0); returns 2 when out of memory, 3 (errno set) when fd
+    // cannot be watched.
     virtual int AddFd(int fd, bool wantRead, bool wantWrite) = 0;
     // Stops watching every entry of fd; returns 0.
     virtual int RemoveFd(int fd) = 0;
@@ -48,6 +49,7 @@ private:
     static void Removed(int fd, void* userData);
 };
 
-// Allocates and starts the compositor for owner. Returns null (with *error
-// non-zero) when it cannot be allocated or started.
+// Allocates and starts the compositor the build chose (KESTO_COMPOSITOR) for
+// owner. Returns null (with *error non-zero) when it cannot be allocated or
+// started.
 FDCompositor* CreateFDCompositor(LibUSBBearerConnection* owner, int* error);
