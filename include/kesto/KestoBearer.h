@@ -7,9 +7,11 @@
  * Threads: all slots of one connection are called from one thread, the
  * toolkit's, one call at a time; every support function the bearer calls for
  * that connection is called on that same thread, inside one of those slots.
- * The bearer runs one background thread per established connection; it has
- * every signal blocked, calls nothing of the toolkit's and only makes the
- * event handle readable.
+ * On Linux the event handle is an epoll descriptor and the bearer starts no
+ * thread. Elsewhere (QNX, or a build with KESTO_COMPOSITOR=thread) it runs
+ * one background thread per established connection, which has every signal
+ * blocked, calls nothing of the toolkit's and only makes the event handle
+ * readable.
  *
  * Driving a connection: wait until the event handle is readable or the timer
  * asked for with setTimer is due; call connectionGetActivity or
