@@ -4,14 +4,7 @@
 # Usage: cmake -DBUILD_DIR=<build> -DWORK_DIR=<scratch> -DCPACK=<cpack> -DREADELF=<readelf>
 #              -P CheckDebianPackage.cmake
 
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE failed OUTPUT_VARIABLE out ERROR_VARIABLE out)
-  if(failed)
-    list(JOIN ARGN " " command)
-    message(FATAL_ERROR "${command}\n${out}")
-  endif()
-  set(output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/RunOrFail.cmake)
 
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CPACK} -G DEB --config ${BUILD_DIR}/CPackConfig.cmake -B ${WORK_DIR})
