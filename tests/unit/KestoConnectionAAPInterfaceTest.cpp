@@ -37,13 +37,10 @@ struct Layout {
 };
 
 TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
+    // Which interface wins is AccessoryInterface's; these rows show the
+    // choice set up on the phone, and each way set-up ends with its message.
     const Layout layouts[] = {
         {"debug bridge listed first", {{DebugBridge(0)}, {Accessory(1, {Bulk(0x81), Bulk(0x01)})}}, {}, 1, {}, 0,
-         kStartManually, {1}, {"0x81", "0x01"}, false},
-        {"OUT endpoint before IN", {{Accessory(0, {Bulk(0x03), Bulk(0x84)})}}, {}, 1, {}, 0, kStartManually, {0},
-         {"0x84", "0x03"}, false},
-        {"lowest interface number wins",
-         {{Accessory(2, {Bulk(0x84), Bulk(0x04)})}, {Accessory(1, {Bulk(0x81), Bulk(0x01)})}}, {}, 1, {}, 0,
          kStartManually, {1}, {"0x81", "0x01"}, false},
         {"given interface and alternate setting",
          {{Accessory(0, {Bulk(0x81), Bulk(0x01)}), Accessory(0, {Bulk(0x83), Bulk(0x03)}, 1)}},
@@ -56,21 +53,10 @@ TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
         {"given interface has one endpoint",
          {{Accessory(0, {Bulk(0x81), Bulk(0x01)})}, {Accessory(1, {Bulk(0x83)})}}, {{"interface", "1"}}, 1, {},
          KestoBearerErrorFailed, "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint", {}, {}, false},
-        {"given interface has two IN endpoints",
-         {{Accessory(0, {Bulk(0x81), Bulk(0x01)})}, {Accessory(1, {Bulk(0x83), Bulk(0x84)})}}, {{"interface", "1"}},
-         1, {}, KestoBearerErrorFailed, "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint", {}, {}, false},
-        {"two OUT endpoints make an interface ineligible",
-         {{Accessory(0, {Bulk(0x01), Bulk(0x02)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}}, {}, 1, {}, 0,
-         kStartManually, {1}, {"0x83", "0x03"}, false},
         {"interrupt IN with bulk OUT", {{Accessory(0, {Interrupt(0x81), Bulk(0x01)})}}, {}, 1, {},
          KestoBearerErrorFailed, "Failed to find suitable interface for AAP from device.", {}, {}, false},
-        {"first bulk endpoint of each direction",
-         {{Accessory(0, {Interrupt(0x85), Bulk(0x81), Bulk(0x82), Bulk(0x01), Bulk(0x02)})}}, {}, 1, {}, 0,
-         kStartManually, {0}, {"0x81", "0x01"}, false},
         {"first interface has one endpoint", {{Accessory(0, {Bulk(0x81)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}},
          {}, 1, {}, KestoBearerErrorFailed, kTooFewEndpoints, {}, {}, false},
-        {"only the debug bridge", {{DebugBridge(0)}}, {}, 1, {}, KestoBearerErrorFailed,
-         "Failed to find suitable interface for AAP from device.", {}, {}, false},
         {"no interfaces", {}, {}, 1, {}, KestoBearerErrorFailed, "No interfaces on attached device.", {}, {}, false},
     };
     for (const Layout& layout : layouts) {
