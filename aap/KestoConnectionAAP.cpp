@@ -1,14 +1,15 @@
 #include "aap/KestoConnectionAAP.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <sstream>
 
+#include "aap/AccessoryInterface.h"
 #include "bearer/KestoBearerImpl.h"
-#include "usb/FDCompositor.h"
 #include "usb/LibUSBBearerConnection.h"
 
 namespace {
@@ -37,11 +38,6 @@ constexpr int kSearchDelayMs = 100;
 // From the 22nd search on, any accessory will do (about two seconds).
 constexpr int kSerialOnlySearches = 20;
 constexpr int kSerialCapacity = 256;
-
-// The debug-bridge interface a phone in accessory mode may expose beside ours.
-constexpr uint8_t kBridgeClass = 0xFF;
-constexpr uint8_t kBridgeSubClass = 0x42;
-constexpr uint8_t kBridgeProtocol = 0x01;
 
 constexpr uint32_t kHandshakeTimeoutMs = 3000;
 // A data read waits for as long as the phone is silent: it still ends when
@@ -74,41 +70,8 @@ bool IsAccessory(const libusb_device_descriptor& descriptor) {
            static_cast<uint16_t>(descriptor.idProduct - kAccessoryProduct) < kAccessoryProductCount;
 }
 
-struct BulkPair {
-    uint8_t in = 0;
-    uint8_t out = 0;
-};
-
-// The first bulk IN and the first bulk OUT endpoint, in descriptor order.
-// Anything else (interrupt or isochronous endpoints, a second of a direction)
-// would turn reads into writes or send a read buffer's stale bytes.
-bool FindBulkPair(const libusb_interface_descriptor& alt, BulkPair* pair) {
-    bool haveIn = false;
-    bool haveOut = false;
-    for (int k = 0; alt.endpoint != nullptr && k < alt.bNumEndpoints; ++k) {
-        const libusb_endpoint_descriptor& endpoint = alt.endpoint[k];
-        if ((endpoint.bmAttributes & LIBUSB_TRANSFER_TYPE_MASK) != LIBUSB_TRANSFER_TYPE_BULK) {
-            continue;
-        }
-        bool isIn = (endpoint.bEndpointAddress & LIBUSB_ENDPOINT_DIR_MASK) == LIBUSB_ENDPOINT_IN;
-        if (isIn && !haveIn) {
-            pair->in = endpoint.bEndpointAddress;
-            haveIn = true;
-        } else if (!isIn && !haveOut) {
-            pair->out = endpoint.bEndpointAddress;
-            haveOut = true;
-        }
-    }
-    return haveIn && haveOut;
-}
-
 uint16_t BusAddress(libusb_device* device) {
     return static_cast<uint16_t>(libusb_get_bus_number(device) << 8 | libusb_get_device_address(device));
-}
-
-bool IsDebugBridge(const libusb_interface_descriptor& alt) {
-    return alt.bInterfaceClass == kBridgeClass && alt.bInterfaceSubClass == kBridgeSubClass &&
-           alt.bInterfaceProtocol == kBridgeProtocol;
 }
 
 // A command-string field, handed back to the toolkit on every path.
@@ -142,9 +105,27 @@ KestoConnectionAAP::KestoConnectionAAP(KestoBearerImpl* bearer, void* connection
 
 KestoConnectionAAP::~KestoConnectionAAP() {
     // First, so the completions that the transport's teardown delivers start nothing.
-    state = kStateClosing;
+    EnterState(kStateClosing);
     delete transport;
     transport = nullptr;
+}
+
+// ---- State and stored error ---------------------------------------------------
+
+void KestoConnectionAAP::EnterState(AAPState next) {
+    if (state == kStateClosing) {
+        return; // the completions a teardown delivers change nothing
+    }
+    assert(next == state || next == kStateFailed || next == kStateClosing ||
+           (kNextStates[state] & StateBit(next)) != 0);
+    state = next;
+}
+
+void KestoConnectionAAP::Keep(int code) { error = code; }
+
+void KestoConnectionAAP::Fail(int code) {
+    Keep(code);
+    EnterState(kStateFailed);
 }
 
 // ---- Establishment -------------------------------------------------------
@@ -156,8 +137,7 @@ int KestoConnectionAAP::Establish() {
     int result = EstablishSteps();
     if (result != 0) {
         // Kept, so that every later call of the toolkit's hears the same.
-        error = result;
-        state = kStateFailed;
+        Fail(result);
     }
     return result;
 }
@@ -209,8 +189,6 @@ int KestoConnectionAAP::EstablishSteps() {
     return OpenAndSwitch(busNumber, deviceAddress);
 }
 
-// Decimal only, leading blanks skipped, trailing text ignored. A text that
-// does not start with a number gives 0; one beyond int's range saturates.
 int KestoConnectionAAP::ParseDecimalInt(const char* text) {
     std::stringstream stream(text != nullptr ? text : "");
     if (text == nullptr) {
@@ -269,13 +247,13 @@ int KestoConnectionAAP::OpenAndSwitch(int busNumber, int deviceAddress) {
 }
 
 int KestoConnectionAAP::SubmitVersionQuery() {
-    state = kStateVersionQuery;
+    EnterState(kStateVersionQuery);
     expectedControlLength = kProtocolReplyLength;
     int result = transport->SubmitControlTransfer(kRequestTypeIn, kGetProtocol, 0, 0, kProtocolReplyLength, nullptr,
                                                   kControlTimeoutMs);
     if (result != 0) {
         Log("Failed to submit version query control message, %d", result);
-        state = kStateFailed;
+        Fail(KestoBearerErrorFailed);
         return KestoBearerErrorFailed;
     }
     return 0;
@@ -288,8 +266,7 @@ bool KestoConnectionAAP::CheckVersion(const uint8_t* data, int length) {
     int version = data[0] | (data[1] << 8);
     if (version == 0) {
         Log("Device does not support the Android Accessory Protocol, supports 0x%04x", version);
-        error = KestoBearerErrorFailed;
-        state = kStateFailed;
+        Fail(KestoBearerErrorFailed);
         return false;
     }
     Log("Device supports Android Accessory Protocol version %d", version);
@@ -306,27 +283,25 @@ void KestoConnectionAAP::SendNextIdentityString() {
     Field field(this, row.key, row.lookupFlag);
     const char* value = field.text != nullptr ? field.text : row.defaultValue;
     size_t length = std::min<size_t>(std::strlen(value), UINT16_MAX);
-    state = kStateIdentity;
+    EnterState(kStateIdentity);
     int result = transport->SubmitControlTransfer(kRequestTypeOut, kSendString, 0, static_cast<uint16_t>(identityIndex),
                                                   static_cast<uint16_t>(length),
                                                   reinterpret_cast<const uint8_t*>(value), kControlTimeoutMs);
     if (result != 0) {
         Log("Failed to submit identity string %d, %d", identityIndex, result);
-        state = kStateFailed;
-        error = KestoBearerErrorFailed;
+        Fail(KestoBearerErrorFailed);
     }
     identityIndex++;
 }
 
 void KestoConnectionAAP::SubmitStartRequest() {
     NoteAccessoriesPresent();
-    state = kStateSwitchRequest;
+    EnterState(kStateSwitchRequest);
     int result = transport->SubmitControlTransfer(kRequestTypeOut, kStartAccessory, 0, 0, 0, nullptr,
                                                   kControlTimeoutMs);
     if (result != 0) {
         Log("Failed to submit switch to AAP control message, %d", result);
-        state = kStateFailed;
-        error = KestoBearerErrorFailed;
+        Fail(KestoBearerErrorFailed);
     }
 }
 
@@ -335,8 +310,7 @@ void KestoConnectionAAP::OnControlComplete(int status, const uint8_t* setup, con
     case LIBUSB_TRANSFER_COMPLETED:
         if (setup != nullptr && (setup[0] & LIBUSB_ENDPOINT_IN) != 0 && length != expectedControlLength) {
             Log("Failed to get control transfer of expected length, %d of %d", length, expectedControlLength);
-            error = KestoBearerErrorFailed;
-            state = kStateFailed;
+            Fail(KestoBearerErrorFailed);
         }
         break;
     case LIBUSB_TRANSFER_ERROR:
@@ -347,12 +321,11 @@ void KestoConnectionAAP::OnControlComplete(int status, const uint8_t* setup, con
             return;
         }
         Log("Setup transfer failed with status: %d, state: %d, retry: %d", status, state, controlRetries);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     case LIBUSB_TRANSFER_TIMED_OUT:
         // A phone that does not answer in time is not asked again.
-        error = KestoBearerErrorFailed;
-        state = kStateFailed;
+        Fail(KestoBearerErrorFailed);
         break;
     case LIBUSB_TRANSFER_CANCELLED:
         return;
@@ -360,7 +333,7 @@ void KestoConnectionAAP::OnControlComplete(int status, const uint8_t* setup, con
     case LIBUSB_TRANSFER_NO_DEVICE:
     case LIBUSB_TRANSFER_OVERFLOW:
         Log("Setup transfer failed with status: %d, state: %d", status, state);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     default:
         break;
@@ -386,7 +359,7 @@ void KestoConnectionAAP::OnControlComplete(int status, const uint8_t* setup, con
         break;
     default:
         Log("Control callback called when not expected (state = %d)", state);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     }
 }
@@ -394,9 +367,7 @@ void KestoConnectionAAP::OnControlComplete(int status, const uint8_t* setup, con
 void KestoConnectionAAP::RetryControlStep() {
     switch (state) {
     case kStateVersionQuery:
-        if (SubmitVersionQuery() != 0) {
-            error = KestoBearerErrorFailed; // nobody else would hear of it here
-        }
+        SubmitVersionQuery();
         break;
     case kStateIdentity:
         identityIndex--; // it was advanced when the failed string was sent
@@ -415,7 +386,7 @@ void KestoConnectionAAP::RetryControlStep() {
         break;
     default:
         Log("Unable to retry in state %d, aborting", state);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     }
 }
@@ -453,15 +424,13 @@ bool KestoConnectionAAP::OnOurPort(libusb_device* device) const {
 // ---- Rediscovery and interface set-up ----------------------------------------
 
 void KestoConnectionAAP::EnterRediscovery() {
-    state = kStateRediscover;
+    EnterState(kStateRediscover);
     rediscoveryAttempts = 0;
     RequestRediscoveryTimer();
 }
 
 void KestoConnectionAAP::RequestRediscoveryTimer() {
-    FDCompositor* compositor = transport->GetCompositor();
-    if (compositor != nullptr && compositor->ManagesTimeouts()) {
-        compositor->ActivityHook();
+    if (!transport->ToolkitKeepsTimers()) {
         return;
     }
     RequestTimer(rediscoveryAttempts == 0 ? kFirstSearchDelayMs : kSearchDelayMs);
@@ -481,16 +450,13 @@ int KestoConnectionAAP::TimerExpired() {
     }
     SearchStep();
     rediscoveryAttempts++;
-    if (state == kStateFailed) {
-        return error; // the pump would clear it, and nothing else would report it
-    }
     return PumpEvents();
 }
 
-// While searching, clears the stored error first: a failed search is simply
-// tried again on the next tick instead of ending the connection. In every
-// other state an error, once stored, stays until the toolkit destroys the
-// connection: a dead link must not look healthy to a toolkit that only asks.
+// Lets libusb deliver its completions and returns the stored error. While
+// searching it forgets the error first, so a failed look at the bus is tried
+// again on the next tick; everywhere else the error stays until destroy: a
+// dead link must not look healthy to a toolkit that only asks.
 int KestoConnectionAAP::PumpEvents() {
     if (state == kStateRediscover) {
         error = 0;
@@ -503,7 +469,7 @@ void KestoConnectionAAP::SearchStep() {
     int result = SearchBus(rediscoveryAttempts > kSerialOnlySearches);
     if (result != 0) {
         Log("Failed to rediscover device");
-        error = result;
+        Keep(result);
         RequestRediscoveryTimer(); // no transfer is in flight to wake the toolkit otherwise
         return;
     }
@@ -516,8 +482,7 @@ void KestoConnectionAAP::SearchStep() {
         result = SetUpInterface();
     }
     if (result != 0) {
-        error = result;
-        state = kStateFailed;
+        Fail(result);
         return;
     }
     SubmitHandshakeRead();
@@ -580,49 +545,27 @@ int KestoConnectionAAP::DiscoverEndpoints(libusb_device* candidate) {
         return KestoBearerErrorFailed;
     }
     std::unique_ptr<libusb_config_descriptor, ConfigDescriptorFree> config(raw);
-    if (config->bNumInterfaces == 0 || config->interface == nullptr) {
+    const AccessoryInterface chosen = AccessoryInterface::Choose(*config, interfaceNumber, alternateSetting);
+    switch (chosen.outcome) {
+    case AccessoryInterface::Outcome::kChosen:
+        break;
+    case AccessoryInterface::Outcome::kNoInterfaces:
         Log("No interfaces on attached device.");
         return KestoBearerErrorFailed;
-    }
-    // Checked on the first interface whatever is chosen later: phones put the
-    // accessory interface first, and this is how this check has always been.
-    const libusb_interface& first = config->interface[0];
-    if (first.num_altsetting < 1 || first.altsetting[0].bNumEndpoints < 2) {
+    case AccessoryInterface::Outcome::kTooFewEndpoints:
         Log("There are less than 2 endpoints exposed by the android device.");
         return KestoBearerErrorFailed;
-    }
-    const libusb_interface_descriptor* choice = nullptr;
-    BulkPair pair;
-    for (int i = 0; i < config->bNumInterfaces; ++i) {
-        const libusb_interface& iface = config->interface[i];
-        for (int j = 0; j < iface.num_altsetting; ++j) {
-            const libusb_interface_descriptor& alt = iface.altsetting[j];
-            if (alternateSetting != -1 && alt.bAlternateSetting != alternateSetting) {
-                continue;
-            }
-            if (interfaceNumber != -1) {
-                if (alt.bInterfaceNumber == interfaceNumber) {
-                    choice = &alt;
-                    break;
-                }
-            } else if (!IsDebugBridge(alt) && FindBulkPair(alt, &pair) &&
-                       (choice == nullptr || alt.bInterfaceNumber < choice->bInterfaceNumber)) {
-                choice = &alt;
-            }
-        }
-    }
-    if (choice == nullptr) {
+    case AccessoryInterface::Outcome::kNoSuitableInterface:
         Log("Failed to find suitable interface for AAP from device.");
         return KestoBearerErrorFailed;
-    }
-    if (!FindBulkPair(*choice, &pair)) {
-        Log("Error: interface %d lacks a bulk IN and a bulk OUT endpoint", choice->bInterfaceNumber);
+    case AccessoryInterface::Outcome::kNoBulkPair:
+        Log("Error: interface %d lacks a bulk IN and a bulk OUT endpoint", chosen.number);
         return KestoBearerErrorFailed;
     }
-    interfaceNumber = choice->bInterfaceNumber;
-    alternateSetting = choice->bAlternateSetting;
-    inEndpoint = pair.in;
-    outEndpoint = pair.out;
+    interfaceNumber = chosen.number;
+    alternateSetting = chosen.alternateSetting;
+    inEndpoint = chosen.inEndpoint;
+    outEndpoint = chosen.outEndpoint;
     return 0;
 }
 
@@ -653,7 +596,7 @@ int KestoConnectionAAP::SetUpInterface() {
     return 0;
 }
 
-void KestoConnectionAAP::ReleaseAndSetUpAgain() {
+bool KestoConnectionAAP::ReleaseAndSetUpAgain() {
     int result = transport->ReleaseInterface(interfaceNumber);
     if (result != 0) {
         Log("Failed to release interface (error %d), connection might fail", result);
@@ -663,20 +606,20 @@ void KestoConnectionAAP::ReleaseAndSetUpAgain() {
         result = SetUpInterface();
     }
     if (result != 0) {
-        error = result;
-        state = kStateFailed;
+        Fail(result);
+        return false;
     }
+    return true;
 }
 
 // ---- Handshake ----------------------------------------------------------------
 
 void KestoConnectionAAP::SubmitHandshakeRead() {
-    state = kStateHandshakeRead;
+    EnterState(kStateHandshakeRead);
     int result = transport->SubmitReads(kHandshakeTimeoutMs, 1);
     if (result != 0) {
         Log("Failed to submit handshake read, %d", result);
-        state = kStateFailed;
-        error = KestoBearerErrorFailed;
+        Fail(KestoBearerErrorFailed);
     }
 }
 
@@ -707,22 +650,21 @@ bool KestoConnectionAAP::CheckHandshake() {
 }
 
 void KestoConnectionAAP::SubmitHandshakeWrite() {
-    state = kStateHandshakeWrite;
+    EnterState(kStateHandshakeWrite);
     int result = transport->SubmitWrite(kHostHandshake, sizeof kHostHandshake, kNoTimeout);
     if (result != 0) {
         Log("Failed to submit handshake write, %d", result);
-        state = kStateFailed;
-        error = KestoBearerErrorFailed;
+        Fail(KestoBearerErrorFailed);
     }
 }
 
 // ---- Data phase -----------------------------------------------------------------
 
 void KestoConnectionAAP::EnterDataPhase() {
-    state = kStateConnected;
+    EnterState(kStateConnected);
     int result = StartReads();
     if (result != 0) {
-        error = result;
+        Keep(result);
         return;
     }
     ReportConnected();
@@ -741,9 +683,7 @@ int KestoConnectionAAP::StartReads() {
 }
 
 void KestoConnectionAAP::ReportConnected() {
-    FDCompositor* compositor = transport->GetCompositor();
-    if (compositor != nullptr && compositor->ManagesTimeouts()) {
-        compositor->ActivityHook();
+    if (!transport->ToolkitKeepsTimers()) {
         return;
     }
     if (state == kStateConnected && Status() != KestoConnectionStatusConnected) {
@@ -765,7 +705,7 @@ void KestoConnectionAAP::OnReadComplete(int status) {
             int result = StartReads();
             if (result != 0 && error == 0) {
                 Log("Attempt to re-read, returning error %d", result);
-                error = result;
+                Keep(result);
             }
         }
         break;
@@ -774,7 +714,7 @@ void KestoConnectionAAP::OnReadComplete(int status) {
     case LIBUSB_TRANSFER_NO_DEVICE:
     case LIBUSB_TRANSFER_OVERFLOW:
         Log("Error in read completion status %d", status);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         return;
     case LIBUSB_TRANSFER_TIMED_OUT:
         if (transport->PeekReadLength() != 0) {
@@ -782,11 +722,12 @@ void KestoConnectionAAP::OnReadComplete(int status) {
         }
         if (state == kStateHandshakeRead) {
             // A phone that stays silent may have missed our claim: claim again and listen.
-            ReleaseAndSetUpAgain();
-            SubmitHandshakeRead();
+            if (ReleaseAndSetUpAgain()) {
+                SubmitHandshakeRead();
+            }
         } else if (int result = StartReads(); result != 0) {
             Log("Read resubmit on error, returned error %d", result);
-            error = result;
+            Keep(result);
         }
         return;
     case LIBUSB_TRANSFER_CANCELLED:
@@ -808,7 +749,7 @@ void KestoConnectionAAP::OnReadComplete(int status) {
         break;
     default:
         Log("Bulk read callback called when not expected (state = %d)", state);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     }
 }
@@ -821,7 +762,7 @@ void KestoConnectionAAP::OnWriteComplete(int status) {
     case LIBUSB_TRANSFER_NO_DEVICE:
     case LIBUSB_TRANSFER_OVERFLOW:
         Log("Write failed with status: %d", status);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     default:
         break;
@@ -836,7 +777,7 @@ void KestoConnectionAAP::OnWriteComplete(int status) {
         break;
     default:
         Log("Bulk write callback called when not expected (state = %d)", state);
-        error = KestoBearerErrorFailed;
+        Keep(KestoBearerErrorFailed);
         break;
     }
 }
@@ -872,7 +813,7 @@ int KestoConnectionAAP::ResumeReads() {
     }
     int result = StartReads();
     if (result != 0 && error == 0) {
-        error = result;
+        Keep(result);
     }
     return result;
 }
@@ -894,7 +835,7 @@ int KestoConnectionAAP::Write(const uint8_t* buffer, uint32_t* length) {
         // read slot full of unread data nothing else would tell the next
         // GetActivity. One too big for memory leaves the link as it was.
         if (result != LIBUSB_ERROR_NO_MEM) {
-            error = KestoBearerErrorFailed;
+            Keep(KestoBearerErrorFailed);
         }
         return KestoBearerErrorFailed;
     }
@@ -958,6 +899,6 @@ void KestoConnectionAAP::OnTimeoutRequested(int ms) {
 void KestoConnectionAAP::OnLog(const char* format, va_list args) { LogV(format, args); }
 
 int KestoConnectionAAP::OnTransportError(int code) {
-    error = code;
+    Keep(code);
     return 0;
 }

@@ -3,8 +3,17 @@
 class LibUSBBearerConnection;
 
 // Merges libusb's changing set of poll descriptors into the one event handle
-// that the toolkit waits on. Implementations only watch descriptors; libusb's
-// event handling always runs on the caller of ProcessEvents.
+// that the toolkit waits on. Implementations only watch descriptors: libusb's
+// event handling and every transfer's state stay on the toolkit's thread,
+// inside ProcessEvents. Unless said otherwise, an operation is called on the
+// toolkit's thread by the owning transport.
+//
+// Seams kept for a compositor that would handle libusb's events on a thread
+// of its own, which none does: there the transport's transfer state would
+// need Lock/Unlock, the hooks would wake that thread, and ManagesTimeouts
+// would take the toolkit's timer away. Here Lock/Unlock do nothing (the thread
+// compositor guards its own lists with a mutex of its own), the hooks do
+// nothing, and ManagesTimeouts is false.
 class FDCompositor {
 public:
     explicit FDCompositor(LibUSBBearerConnection* owner);
@@ -13,29 +22,34 @@ public:
     FDCompositor(const FDCompositor&) = delete;
     FDCompositor& operator=(const FDCompositor&) = delete;
 
-    // Handles what libusb has pending without blocking (zero time-out); a
-    // failure is logged and reported to the owner as 11. Caller then Rearm()s.
-    virtual void ProcessEvents();
-    // Called at the start of transfer completions, under a CompositorLock.
-    virtual void ActivityHook();
-    // Called by the owner at the start of its teardown.
-    virtual void ShutdownHook();
-    // True when the compositor handles libusb time-outs itself; the owner then
-    // calls ActivityHook instead of asking the toolkit for a timer.
-    virtual bool ManagesTimeouts();
-    // The descriptor that becomes readable when libusb work is waiting.
+    // Creates what the compositor needs (descriptors, thread). Returns 0, or 1
+    // (errno set) after which only destruction is allowed. Called once.
+    virtual int Start() = 0;
+    // The descriptor that is readable while libusb work is waiting; valid from
+    // Start until destruction, the same every time.
     virtual int GetEventHandle() = 0;
-    // Clears the event handle and watches libusb's descriptors again.
+    // Handles what libusb has pending without blocking (zero time-out):
+    // completions reach the transport's callbacks inside. A libusb failure is
+    // logged ("Process events failed: %d") and reported to the owner as 11.
+    // The caller then calls Rearm.
+    virtual void ProcessEvents();
+    // After ProcessEvents: lets the event handle become readable again only
+    // for work that is still waiting, so a toolkit never spins on it. The
+    // thread compositor reports here, once, that its thread has stopped.
     virtual void Rearm() = 0;
+    // Watches fd for the given directions. Returns 0; 2 when out of memory;
+    // 3 (errno set) when fd cannot be watched. Called from libusb's added
+    // notifier, on whichever thread made libusb open the descriptor.
+    virtual int AddFd(int fd, bool wantRead, bool wantWrite) = 0;
+    // Stops watching fd, every entry of it; an unknown fd is not an error.
+    // Returns 0. Called from libusb's removed notifier, as AddFd is.
+    virtual int RemoveFd(int fd) = 0;
+    // The seams (see above): no-ops here.
     virtual void Lock() = 0;
     virtual void Unlock() = 0;
-    // Creates what the compositor needs to run: 0 on success, 1 on failure.
-    virtual int Start() = 0;
-    // Watches fd (0); returns 2 when out of memory, 3 (errno set) when fd
-    // cannot be watched.
-    virtual int AddFd(int fd, bool wantRead, bool wantWrite) = 0;
-    // Stops watching every entry of fd; returns 0.
-    virtual int RemoveFd(int fd) = 0;
+    virtual void ActivityHook();
+    virtual void ShutdownHook();
+    virtual bool ManagesTimeouts();
 
     // Installs libusb's pollfd notifiers on the owner's context and adds the
     // descriptors libusb already has. Called once, after the context exists.

@@ -255,12 +255,19 @@ int LibUSBBearerConnection::SubmitTransfer(libusb_transfer* transfer) {
     return result;
 }
 
+bool LibUSBBearerConnection::ToolkitKeepsTimers() {
+    if (compositor != nullptr && compositor->ManagesTimeouts()) {
+        compositor->ActivityHook();
+        return false;
+    }
+    return true;
+}
+
 void LibUSBBearerConnection::UpdateTimeout() {
     if (compositor == nullptr) {
         return; // start-up failed; nothing can be pending
     }
-    if (compositor->ManagesTimeouts()) {
-        compositor->ActivityHook();
+    if (!ToolkitKeepsTimers()) {
         return;
     }
     // Zeroed, because libusb leaves it unset when it fails: a failure then asks

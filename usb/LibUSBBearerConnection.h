@@ -13,67 +13,102 @@
 
 class FDCompositor;
 
-// The USB side of one connection: the libusb context with its event thread,
-// one open device, its claimed interfaces, and asynchronous control, bulk OUT
-// and bulk IN transfers reported to an observer. All of it runs on the
-// toolkit's thread; results are libusb error codes.
+// The USB side of one connection: the libusb context and its compositor,
+// one open device, its claimed interfaces, and one control, one bulk OUT and
+// kReadSlotCount bulk IN transfers, reported to an observer.
+//
+// Everything runs on the toolkit's thread: every operation below is called
+// there, and libusb's events are handled there, inside HandleEvents and
+// Close. Results are libusb error codes (0 on success) unless said otherwise.
 class LibUSBBearerConnection {
 public:
+    // Keeps observer for its whole life; nothing is created before Initialise.
     LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer);
+    // Close, then frees every transfer, the context and the compositor.
     ~LibUSBBearerConnection();
 
     LibUSBBearerConnection(const LibUSBBearerConnection&) = delete;
     LibUSBBearerConnection& operator=(const LibUSBBearerConnection&) = delete;
 
-    // Creates the context, the event thread and the transfers. After a failure
-    // the only safe use is destruction.
+    // Creates the context, the compositor, the transfers and their buffers.
+    // Called once. After a failure the only safe use is destruction.
     int Initialise();
 
-    // Opens the first device at busNumber/deviceAddress; -5 when none opens.
+    // Opens the first device at busNumber/deviceAddress. LIBUSB_ERROR_NOT_FOUND
+    // when none is there or it does not open. Precondition: none is open.
     int OpenDevice(int busNumber, int deviceAddress);
-    // Opens a device picked by the owner, taking a reference on it.
+    // Opens a device picked by the owner, taking a reference on it; the
+    // owner's own reference may go at once. Precondition: none is open.
     int OpenDevice(libusb_device* candidate);
+    // Detaches a kernel driver if one is bound, claims, and then sets the
+    // alternate setting if asked (a refusal there is only a warning). The
+    // interface is released by ReleaseInterface or Close.
     int ClaimInterface(int interfaceNumber, int altSetting, bool setAltSetting);
-    // -5 when interfaceNumber is not claimed.
+    // LIBUSB_ERROR_NOT_FOUND when interfaceNumber is not claimed.
     int ReleaseInterface(int interfaceNumber);
-    // Cancels and drains every transfer, drops undelivered data, releases the
-    // interfaces and closes the device. Does nothing when none is open.
+    // Cancels every transfer in flight and waits until libusb has given each
+    // back (its completion reaches the observer with whatever status it
+    // ended with), then drops undelivered data, releases the interfaces and
+    // closes the device. Nothing is submitted while it drains. Afterwards no
+    // device is open and every slot is idle; a transport may open another.
+    // Does nothing when none is open.
     void Close();
 
+    // Null before Initialise, respectively while no device is open.
     libusb_context* GetContext() const { return context; }
     libusb_device* GetDevice() const { return device; }
     libusb_device_handle* GetDeviceHandle() const { return handle; }
-    FDCompositor* GetCompositor() const { return compositor; }
 
-    // Lets libusb deliver what is pending (completions run inside), then rearms.
+    // Whether the owner asks the toolkit for its timers (search ticks, libusb
+    // time-outs). False when the compositor keeps time-outs itself, which no
+    // compositor here does; it is then nudged to look at the new work instead.
+    bool ToolkitKeepsTimers();
+
+    // Lets libusb deliver what is pending without blocking (the observer's
+    // completion calls come from inside), then rearms the event handle.
     void HandleEvents();
-    // The descriptor the toolkit waits on; *extraOut (if given) becomes 0.
+    // The descriptor the toolkit waits on (-1 when Initialise failed before
+    // the compositor existed); *extraOut (if given) becomes 0.
     int GetEventHandle(intptr_t* extraOut);
+    // Hands the message to the observer.
     void Log(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    // Hands code to the observer's OnTransportError and returns its answer.
     int ReportError(int code);
 
-    // Fixes the bulk endpoints, sizes the read buffers to whole packets and
-    // learns the OUT packet size that decides when a write needs a zero-length
-    // packet. Must not be called while a read is pending.
+    // Fixes the bulk endpoints (clearing a halt on each), sizes the read
+    // buffers and learns the OUT packet size that decides when a write needs
+    // a zero-length packet. Precondition: a device is open and no read is in
+    // flight.
     int SetEndpoints(uint8_t inEndpoint, uint8_t outEndpoint);
+    // Copies data (host-to-device requests) and submits. LIBUSB_ERROR_BUSY
+    // while a control transfer is in flight; OnControlComplete comes once for
+    // each one submitted.
     int SubmitControlTransfer(uint8_t requestType, uint8_t request, uint16_t value, uint16_t index,
                               uint16_t length, const uint8_t* data, uint32_t timeoutMs);
-    // Copies data; -6 while a write is in flight. A write whose length is a
-    // whole number of OUT packets ends with a zero-length packet, so that a
-    // phone's read (which ends only on a short packet) completes; the write
-    // stays in flight, and OnWriteComplete comes once, after that packet.
+    // Copies data and submits; LIBUSB_ERROR_BUSY while a write is in flight.
+    // A partial write is continued by itself. A write whose length is a whole
+    // number of OUT packets ends with a zero-length packet, so that a phone's
+    // read (which ends only on a short packet) completes. OnWriteComplete
+    // comes once per write, after all of that.
     int SubmitWrite(const uint8_t* data, uint32_t length, uint32_t timeoutMs);
-    // Submits reads on up to count idle slots (all of them when count < 0).
+    // Submits reads on up to count idle slots (all of them when count < 0)
+    // and stops at the first refusal, which it returns. Each read submitted
+    // brings one OnReadComplete, in submission order.
     int SubmitReads(uint32_t timeoutMs, int count);
+    // Copies up to maxLength queued bytes, oldest first, and returns how many;
+    // a slot whose bytes are all taken becomes idle for SubmitReads.
     uint32_t ReadData(uint8_t* destination, uint32_t maxLength);
     // What remains of the oldest chunk, 0 when none: a ReadData of this many
     // bytes takes exactly the rest of that chunk.
     uint32_t PeekReadLength() const;
+    // Drops every queued byte; their slots become idle.
     void DiscardReadData();
     bool IsWriteInProgress();
 
-    // The phone's largest single write: a read this big takes one whole, and
-    // it is a whole number of packets at 64, 512 and 1024 bytes.
+    // The phone's largest single write: a read this big takes one whole. It is
+    // a whole number of packets at 64, 512 and 1024 bytes; for a packet size
+    // that does not divide it, a read asks for the largest multiple of the
+    // packet size below it (one packet when the packet is larger).
     static constexpr uint32_t kMaxReadSize = 16384;
     // Bulk IN transfers kept in flight in the data phase: enough that the
     // link never waits for the toolkit to take one chunk before the next lands.
