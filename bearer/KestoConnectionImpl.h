@@ -40,7 +40,8 @@ public:
 
     void FreeString(char* string);
     void RequestTimer(int delayMs);
-    // Wrappers kept for the toolkit's reserved slots; this bearer never calls them.
+    // The toolkit's two reserved support functions, wrapped like the others so that
+    // a bearer needing them has them; this one never calls them. A null one answers 0.
     int Reserved6(intptr_t a, intptr_t b, bool* flagOut);
     intptr_t Reserved7(intptr_t a, intptr_t b);
 

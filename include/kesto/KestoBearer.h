@@ -146,7 +146,8 @@ typedef int (*KestoSetConnectionStatusFn)(void* connectionContext, int status);
 /* Asks for one connectionTimerExpired after delayMs milliseconds (at least 1). Each request replaces
  * the previous one: the toolkit keeps one timer per connection. The result is ignored. */
 typedef int (*KestoSetTimerFn)(void* connectionContext, int delayMs);
-/* Reserved; wrapped but never called by this bearer. */
+/* Reserved by the toolkit for other bearers; they hold their place in the table, which is laid
+ * out by position. This bearer never calls them, and a toolkit may leave them null. */
 typedef int (*KestoReserved6Fn)(void* connectionContext, intptr_t a, intptr_t b, int* result);
 typedef intptr_t (*KestoReserved7Fn)(void* connectionContext, intptr_t a, intptr_t b);
 /* Connection-level log line; may be null, and bearerLog is used instead. */
