@@ -1,10 +1,6 @@
 #include "PluginHost.h"
 
 #include <dlfcn.h>
-#include <poll.h>
-
-#include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -28,25 +24,18 @@ PluginHost::PluginHost(const std::string& pluginPath) : readBuffer_(kReadCapacit
         fault_ = "no KestoBearerInitialize in the plug-in";
         return;
     }
-    support_.allocString = &PluginHost::AllocString;
-    support_.freeString = &PluginHost::FreeString;
-    support_.bearerLog = &PluginHost::LogForBearer;
-    support_.getConnectionParameter = &PluginHost::GetConnectionParameter;
-    support_.setConnectionStatus = &PluginHost::SetConnectionStatus;
-    support_.setTimer = &PluginHost::SetTimer;
-    support_.reserved6 = &PluginHost::Reserved6;
-    support_.reserved7 = &PluginHost::Reserved7;
-    support_.connectionLog = &PluginHost::LogForConnection;
-    bearer_ = initialize_("USBAAP", this, &interface_, sizeof interface_, &support_, sizeof support_);
-    if (bearer_ == nullptr)
+    standin::Toolkit::Options options{initialize_};
+    options.listener = this;
+    options.keepRecords = false;
+    toolkit_.emplace(options);
+    if (toolkit_->Bearer() == nullptr)
         fault_ = "KestoBearerInitialize returned null";
 }
 
 PluginHost::~PluginHost()
 {
-    Disconnect();
-    if (bearer_ != nullptr)
-        interface_.bearerTerminate(bearer_);
+    // The toolkit goes before the log its calls may still write to.
+    toolkit_.reset();
 }
 
 bool PluginHost::Fail(const std::string& what, int result)
@@ -61,54 +50,36 @@ bool PluginHost::Fail(const std::string& what, int result)
 
 bool PluginHost::Connect(int bus, int address, int timeoutMs)
 {
-    if (bearer_ == nullptr)
+    if (!fault_.empty())
         return false;
-    bus_ = std::to_string(bus);
-    dev_ = std::to_string(address);
-    // The connection context is this host: one connection at a time.
-    if (int result = interface_.bearerCreateConnection(bearer_, this, &connection_))
+    connection_ = &toolkit_->AddConnection({{"bus", std::to_string(bus)}, {"dev", std::to_string(address)}});
+    if (int result = toolkit_->CreateConnection(*connection_))
         return Fail("bearerCreateConnection", result);
-    if (int result = interface_.connectionEstablish(connection_))
+    if (int result = toolkit_->Establish(*connection_))
         return Fail("connectionEstablish", result);
-    intptr_t extra = 0;
-    if (int result = interface_.connectionGetEventHandle(connection_, &eventHandle_, &extra))
-        return Fail("connectionGetEventHandle", result);
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!connected_ && Clock::now() < deadline)
+    auto deadline = standin::Toolkit::Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!connection_->Connected() && standin::Toolkit::Clock::now() < deadline)
         if (!Pump(10))
             return false;
-    if (!connected_)
+    if (!connection_->Connected())
         fault_ = "not connected within " + std::to_string(timeoutMs) + " ms";
-    return connected_;
+    return connection_->Connected();
 }
 
 bool PluginHost::Pump(int maxMs)
 {
     if (!fault_.empty() || connection_ == nullptr)
         return false;
-    int wait = maxMs;
-    if (deadline_) {
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - Clock::now()).count();
-        wait = static_cast<int>(std::max<long long>(0, std::min<long long>(wait, left)));
-    }
-    pollfd watched{eventHandle_, POLLIN, 0};
-    int ready = poll(&watched, 1, wait);
-    if (ready > 0) {
-        ++wakeups_;
-        uint32_t activity = 0;
-        if (int result = interface_.connectionGetActivity(connection_, &activity))
-            return Fail("connectionGetActivity", result);
-        if (activity & KestoBearerActivityReadable)
-            ReadAll();
-    }
-    if (deadline_ && Clock::now() >= *deadline_) {
-        deadline_.reset();
-        ++wakeups_;
-        if (int result = interface_.connectionTimerExpired(connection_))
-            return Fail("connectionTimerExpired", result);
-        // Completions the timer's pass took in are not signalled again.
+    const int activityCalls = connection_->ActivityCalls();
+    const int timers = connection_->TimerExpiries();
+    toolkit_->RunOnce(std::chrono::milliseconds(maxMs));
+    wakeups_ += connection_->ActivityCalls() - activityCalls + connection_->TimerExpiries() - timers;
+    if (connection_->Failure() != 0)
+        return Fail(connection_->FailedCall(), connection_->Failure());
+    // Completions a timer's pass took in are not signalled again.
+    if (connection_->TimerExpiries() != timers ||
+        (connection_->ActivityCalls() != activityCalls && (connection_->Activity() & KestoBearerActivityReadable)))
         ReadAll();
-    }
     return fault_.empty();
 }
 
@@ -117,7 +88,7 @@ void PluginHost::ReadAll()
 {
     for (;;) {
         uint32_t length = static_cast<uint32_t>(readBuffer_.size());
-        int result = interface_.connectionRead(connection_, readBuffer_.data(), &length);
+        int result = toolkit_->Read(*connection_, readBuffer_.data(), length);
         if (result != 0) {
             Fail("connectionRead", result);
             return;
@@ -133,7 +104,7 @@ bool PluginHost::TryWrite(const uint8_t* data, size_t length)
     if (!fault_.empty() || connection_ == nullptr)
         return false;
     uint32_t taken = static_cast<uint32_t>(length);
-    if (int result = interface_.connectionWrite(connection_, data, &taken))
+    if (int result = toolkit_->Write(*connection_, data, taken))
         return Fail("connectionWrite", result);
     return taken != 0;
 }
@@ -141,70 +112,19 @@ bool PluginHost::TryWrite(const uint8_t* data, size_t length)
 void PluginHost::Disconnect()
 {
     if (connection_ != nullptr)
-        interface_.connectionDestroy(connection_);
+        toolkit_->Destroy(*connection_);
     connection_ = nullptr;
-    eventHandle_ = -1;
-    deadline_.reset();
-    connected_ = false;
 }
 
-char* PluginHost::AllocString(void*, size_t size)
+void PluginHost::Problem(const std::string& problem)
 {
-    return static_cast<char*>(std::malloc(size));
+    if (fault_.empty())
+        fault_ = "the plug-in broke the contract: " + problem;
 }
 
-void PluginHost::FreeString(void*, char* text)
+void PluginHost::PluginLine(const char*, const char* text)
 {
-    std::free(text);
-}
-
-void PluginHost::LogForBearer(void* context, const char* text)
-{
-    LogForConnection(context, text);
-}
-
-char* PluginHost::GetConnectionParameter(void* context, const char* name, unsigned char, int* result)
-{
-    auto* host = static_cast<PluginHost*>(context);
-    const std::string* value = std::strcmp(name, "bus") == 0 ? &host->bus_
-                               : std::strcmp(name, "dev") == 0 ? &host->dev_
-                                                               : nullptr;
-    if (result != nullptr)
-        *result = 0;
-    return value != nullptr ? strdup(value->c_str()) : nullptr;
-}
-
-int PluginHost::SetConnectionStatus(void* context, int status)
-{
-    if (status == KestoConnectionStatusConnected)
-        static_cast<PluginHost*>(context)->connected_ = true;
-    return 0;
-}
-
-int PluginHost::SetTimer(void* context, int delayMs)
-{
-    auto* host = static_cast<PluginHost*>(context);
-    ++host->timerRequests_;
-    host->deadline_ = Clock::now() + std::chrono::milliseconds(delayMs);
-    return 0;
-}
-
-int PluginHost::Reserved6(void*, intptr_t, intptr_t, int* result)
-{
-    if (result != nullptr)
-        *result = 0;
-    return 0;
-}
-
-intptr_t PluginHost::Reserved7(void*, intptr_t, intptr_t)
-{
-    return 0;
-}
-
-void PluginHost::LogForConnection(void* context, const char* text)
-{
-    auto* host = static_cast<PluginHost*>(context);
-    if (host->log_.size() == kLogLines)
-        host->log_.erase(host->log_.begin());
-    host->log_.emplace_back(text);
+    if (log_.size() == kLogLines)
+        log_.erase(log_.begin());
+    log_.emplace_back(text);
 }

@@ -2,20 +2,16 @@
 
 #include "BenchHost.h"
 
-#include "kesto/KestoBearer.h"
+#include "toolkit-standin/Toolkit.h"
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
 
-// A lean toolkit around the shipped plug-in: it loads the shared object, talks
-// to it only through its tables and drives one connection with a poll loop on
-// the event handle plus the one timer the plug-in may ask for.
-class PluginHost : public BenchHost {
+// The toolkit stand-in around the shipped plug-in, driving one connection,
+// loaded as a toolkit loads it.
+class PluginHost : public BenchHost, private standin::ToolkitListener {
 public:
-    using Clock = std::chrono::steady_clock;
-
     explicit PluginHost(const std::string& pluginPath);
     ~PluginHost() override;
     PluginHost(const PluginHost&) = delete;
@@ -30,35 +26,19 @@ public:
 
     // The plug-in's entry point, to find where its code lies; null until loaded.
     const void* CodeAddress() const { return reinterpret_cast<const void*>(initialize_); }
-    uint64_t TimerRequests() const { return timerRequests_; }
+    uint64_t TimerRequests() const { return connection_ != nullptr ? connection_->TimerRequestCount() : 0; }
 
 private:
     bool Fail(const std::string& what, int result);
     void ReadAll();
-
-    static char* AllocString(void* context, size_t size);
-    static void FreeString(void* context, char* text);
-    static void LogForBearer(void* context, const char* text);
-    static char* GetConnectionParameter(void* context, const char* name, unsigned char flag, int* result);
-    static int SetConnectionStatus(void* context, int status);
-    static int SetTimer(void* context, int delayMs);
-    static int Reserved6(void* context, intptr_t a, intptr_t b, int* result);
-    static intptr_t Reserved7(void* context, intptr_t a, intptr_t b);
-    static void LogForConnection(void* context, const char* text);
+    void Problem(const std::string& problem) override;
+    void PluginLine(const char* source, const char* text) override;
 
     KestoBearerInitializeFn initialize_ = nullptr;
-    KestoBearerInterface interface_{};
-    KestoBearerSupportAPI support_{};
-    void* bearer_ = nullptr;
-    void* connection_ = nullptr;
-    int eventHandle_ = -1;
-    std::string bus_;
-    std::string dev_;
-    bool connected_ = false;
-    std::optional<Clock::time_point> deadline_;
+    std::optional<standin::Toolkit> toolkit_;
+    standin::ToolkitConnection* connection_ = nullptr;
     std::vector<uint8_t> readBuffer_;
     std::vector<std::string> log_;
     uint64_t wakeups_ = 0;
-    uint64_t timerRequests_ = 0;
     std::string fault_;
 };

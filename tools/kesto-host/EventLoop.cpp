@@ -17,6 +17,9 @@ int gSignalPipe[2] = {-1, -1};
 
 constexpr int kCaughtSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
+// The loop wakes at least this often when nothing else bounds its wait.
+constexpr std::chrono::hours kLongestWait(1);
+
 void OnSignal(int signal) {
     int savedErrno = errno;
     gSignal = signal;
@@ -60,8 +63,15 @@ int EventLoop::Run() {
         if (connected_ && client_.Finished()) {
             return client_.ExitCode();
         }
+        fds.clear();
+        if (gSignalPipe[0] >= 0) {
+            fds.push_back({gSignalPipe[0], POLLIN, 0});
+        }
+        if (connected_) {
+            client_.AddPollFds(fds);
+        }
         uint32_t activity = 0;
-        if (!WaitOnce(fds) || !ServeConnection(fds[0].revents != 0, activity)) {
+        if (!session_.RunOnce(MaxWait(), fds, activity)) {
             if (!connected_) {
                 session_.ReportStage();
             }
@@ -85,89 +95,19 @@ int EventLoop::Run() {
     return kExitInterrupted;
 }
 
-// Waits for the event handle (always fds[0]), the client's descriptors or the
-// next deadline. False when waiting is impossible (reported).
-bool EventLoop::WaitOnce(std::vector<pollfd>& fds) {
-    fds.clear();
-    int handle = -1;
-    int rc = session_.EventHandle(handle);
-    if (rc != KestoBearerErrorNone) {
-        session_.ReportFailure("connectionGetEventHandle", rc);
-        return false;
-    }
-    if (handle < 0) {
-        log_.Error("connectionGetEventHandle gave no descriptor (%d)", handle);
-        return false;
-    }
-    fds.push_back({handle, POLLIN, 0});
-    if (gSignalPipe[0] >= 0) {
-        fds.push_back({gSignalPipe[0], POLLIN, 0});
-    }
-    if (connected_) {
-        client_.AddPollFds(fds);
-    }
-    StreamClient::Clock::time_point wake = NextWake();
-    timespec timeout{};
-    if (wake != StreamClient::Clock::time_point::max()) {
-        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(wake - StreamClient::Clock::now()).count();
-        ns = std::max<decltype(ns)>(ns, 0);
-        timeout.tv_sec = static_cast<time_t>(ns / 1000000000);
-        timeout.tv_nsec = static_cast<long>(ns % 1000000000);
-    }
-    bool bounded = wake != StreamClient::Clock::time_point::max();
-    int n = ppoll(fds.data(), fds.size(), bounded ? &timeout : nullptr, nullptr);
-    if (n < 0) {
-        if (errno != EINTR) {
-            log_.Error("poll failed: %s", std::strerror(errno));
-            return false;
-        }
-        for (pollfd& fd : fds) {
-            fd.revents = 0;
-        }
-    }
-    if ((fds[0].revents & (POLLNVAL | POLLERR | POLLHUP)) != 0 && (fds[0].revents & POLLIN) == 0) {
-        log_.Error("the event handle %d failed (poll events 0x%x)", handle, fds[0].revents);
-        return false;
-    }
-    return true;
-}
-
-// Lets the plug-in advance: TimerExpired when its deadline has come, and
-// GetActivity when the handle is readable. Once the stream is up GetActivity
-// also follows every TimerExpired: events processed inside the timer call do
-// not make the handle readable again. Before that it does not, so that the
-// delay the plug-in asked for inside TimerExpired stands as asked.
-bool EventLoop::ServeConnection(bool handleReady, uint32_t& activity) {
-    bool advanced = handleReady;
-    std::optional<StreamClient::Clock::time_point> deadline = session_.TimerDeadline();
-    if (deadline && *deadline <= StreamClient::Clock::now()) {
-        int rc = session_.TimerExpired();
-        if (rc != KestoBearerErrorNone) {
-            session_.ReportFailure("connectionTimerExpired", rc);
-            return false;
-        }
-        advanced = advanced || connected_;
-    }
-    if (advanced) {
-        int rc = session_.GetActivity(activity);
-        if (rc != KestoBearerErrorNone) {
-            session_.ReportFailure("connectionGetActivity", rc);
-            return false;
-        }
-    }
-    return true;
-}
-
-StreamClient::Clock::time_point EventLoop::NextWake() const {
+// Until the connect time-out or the client's next turn; the plug-in's timer
+// bounds the wait inside the toolkit's loop.
+std::chrono::milliseconds EventLoop::MaxWait() const {
     StreamClient::Clock::time_point wake = StreamClient::Clock::time_point::max();
-    if (std::optional<StreamClient::Clock::time_point> timer = session_.TimerDeadline()) {
-        wake = std::min(wake, *timer);
-    }
     if (!connected_ && connectTimeout_.count() > 0) {
         wake = std::min(wake, started_ + connectTimeout_);
     }
     if (connected_) {
         wake = std::min(wake, client_.WakeAt());
     }
-    return wake;
+    if (wake == StreamClient::Clock::time_point::max()) {
+        return kLongestWait;
+    }
+    return std::max(std::chrono::ceil<std::chrono::milliseconds>(wake - StreamClient::Clock::now()),
+                    std::chrono::milliseconds(0));
 }

@@ -7,9 +7,8 @@
 #include "kesto-host/StreamClient.h"
 #include "kesto-host/ToolkitSession.h"
 
-// The toolkit's event loop for one connection: waits on the event handle, the
-// client's descriptors and the plug-in's timer, calls GetActivity when the
-// handle is readable and TimerExpired when the timer falls due, and hands the
+// The tool's event loop for one connection: the toolkit stand-in's loop, also
+// waiting on the client's descriptors and the signal pipe, which hands the
 // stream to the client once the connection reports connected.
 class EventLoop {
 public:
@@ -28,9 +27,7 @@ public:
     int Run();
 
 private:
-    bool WaitOnce(std::vector<pollfd>& fds);
-    bool ServeConnection(bool handleReady, uint32_t& activity);
-    StreamClient::Clock::time_point NextWake() const;
+    std::chrono::milliseconds MaxWait() const;
 
     ToolkitSession& session_;
     StreamClient& client_;

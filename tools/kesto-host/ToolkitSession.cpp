@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr uint32_t kBearerTag = 0x4B425243;     // "KBRC"
-constexpr uint32_t kConnectionTag = 0x4B434E43; // "KCNC"
-
 // What the toolkit calls this bearer; the plug-in answers it as property 0.
 constexpr const char* kBearerName = "USBAAP";
 
@@ -27,12 +24,8 @@ const char* StatusName(int status) {
 
 } // namespace
 
-ToolkitSession::ToolkitSession(KestoBearerInitializeFn initialize, CommandFields fields, HostLog& log,
-                               StringLedger& ledger)
-    : initialize_(initialize), fields_(std::move(fields)), log_(log), ledger_(ledger),
-      thread_(std::this_thread::get_id()), bearerContext_{kBearerTag, this}, connectionContext_{kConnectionTag, this} {}
-
-ToolkitSession::~ToolkitSession() { Close(); }
+ToolkitSession::ToolkitSession(KestoBearerInitializeFn initialize, CommandFields fields, HostLog& log)
+    : initialize_(initialize), fields_(std::move(fields)), log_(log) {}
 
 const char* ToolkitSession::ResultName(int code) {
     switch (code) {
@@ -86,38 +79,47 @@ bool ToolkitSession::Start() {
         return false;
     }
     DescribeBearer();
-    int rc = table_.bearerCreateConnection(bearer_, &connectionContext_, &connection_);
-    if (rc != KestoBearerErrorNone || connection_ == nullptr) {
+    connection_ = &toolkit_->AddConnection(fields_);
+    int rc = toolkit_->CreateConnection(*connection_);
+    if (rc != KestoBearerErrorNone || connection_->Handle() == nullptr) {
         ReportFailure("bearerCreateConnection", rc != KestoBearerErrorNone ? rc : KestoBearerErrorFailed);
         connection_ = nullptr;
         return false;
     }
     log_.Trace("connectionEstablish");
-    rc = table_.connectionEstablish(connection_);
+    rc = toolkit_->Establish(*connection_);
     stage_.EstablishReturned(rc);
     if (rc != KestoBearerErrorNone) {
         ReportFailure("connectionEstablish", rc);
         return false;
     }
-    std::string transport = TakeProperty(table_.connectionGetProperty(connection_, KestoConnectionPropertyTransport));
+    if (connection_->Failure() != KestoBearerErrorNone) {
+        ReportFailure(connection_->FailedCall(), connection_->Failure());
+        return false;
+    }
+    std::string transport = Property(toolkit_->ConnectionProperty(*connection_, KestoConnectionPropertyTransport));
     log_.Trace("connectionGetProperty(%d) = %s", KestoConnectionPropertyTransport, transport.c_str());
     return true;
 }
 
 bool ToolkitSession::BearerVersion(std::string& version) {
-    if (bearer_ == nullptr && !CreateBearer()) {
+    if (!toolkit_ && !CreateBearer()) {
         return false;
     }
-    version = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyVersion));
+    version = Property(toolkit_->BearerProperty(KestoBearerPropertyVersion));
     return true;
 }
 
 bool ToolkitSession::CreateBearer() {
-    KestoBearerSupportAPI support{AllocString,  FreeString, BearerLog, GetConnectionParameter, SetConnectionStatus,
-                                  SetTimer,     Reserved6,  Reserved7, ConnectionLog};
-    log_.Trace("KestoBearerInitialize(\"%s\", table sizes %zu and %zu)", kBearerName, sizeof table_, sizeof support);
-    bearer_ = initialize_(kBearerName, &bearerContext_, &table_, sizeof table_, &support, sizeof support);
-    if (bearer_ == nullptr) {
+    standin::Toolkit::Options options{initialize_};
+    options.name = kBearerName;
+    options.listener = this;
+    options.keepRecords = false;
+    options.activityAfterTimer = true;
+    log_.Trace("KestoBearerInitialize(\"%s\", table sizes %zu and %zu)", kBearerName, options.interfaceSize,
+               options.supportSize);
+    toolkit_.emplace(options);
+    if (toolkit_->Bearer() == nullptr) {
         log_.Error("KestoBearerInitialize returned no bearer");
         return false;
     }
@@ -125,21 +127,22 @@ bool ToolkitSession::CreateBearer() {
 }
 
 bool ToolkitSession::TableComplete() {
+    const KestoBearerInterface& table = toolkit_->Interface();
     const struct {
         const char* name;
         bool filled;
     } slots[] = {
-        {"bearerTerminate", table_.bearerTerminate != nullptr},
-        {"bearerCreateConnection", table_.bearerCreateConnection != nullptr},
-        {"bearerGetProperty", table_.bearerGetProperty != nullptr},
-        {"connectionEstablish", table_.connectionEstablish != nullptr},
-        {"connectionDestroy", table_.connectionDestroy != nullptr},
-        {"connectionRead", table_.connectionRead != nullptr},
-        {"connectionWrite", table_.connectionWrite != nullptr},
-        {"connectionGetEventHandle", table_.connectionGetEventHandle != nullptr},
-        {"connectionGetActivity", table_.connectionGetActivity != nullptr},
-        {"connectionGetProperty", table_.connectionGetProperty != nullptr},
-        {"connectionTimerExpired", table_.connectionTimerExpired != nullptr},
+        {"bearerTerminate", table.bearerTerminate != nullptr},
+        {"bearerCreateConnection", table.bearerCreateConnection != nullptr},
+        {"bearerGetProperty", table.bearerGetProperty != nullptr},
+        {"connectionEstablish", table.connectionEstablish != nullptr},
+        {"connectionDestroy", table.connectionDestroy != nullptr},
+        {"connectionRead", table.connectionRead != nullptr},
+        {"connectionWrite", table.connectionWrite != nullptr},
+        {"connectionGetEventHandle", table.connectionGetEventHandle != nullptr},
+        {"connectionGetActivity", table.connectionGetActivity != nullptr},
+        {"connectionGetProperty", table.connectionGetProperty != nullptr},
+        {"connectionTimerExpired", table.connectionTimerExpired != nullptr},
     };
     bool complete = true;
     for (const auto& slot : slots) {
@@ -148,196 +151,78 @@ bool ToolkitSession::TableComplete() {
             complete = false;
         }
     }
-    if (!complete && table_.bearerTerminate != nullptr) {
-        table_.bearerTerminate(bearer_);
-    }
     if (!complete) {
-        bearer_ = nullptr;
+        toolkit_.reset();
     }
     return complete;
 }
 
 void ToolkitSession::DescribeBearer() {
-    std::string title = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyTitle));
-    std::string version = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyVersion));
-    std::string name = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyName));
-    std::string description = TakeProperty(table_.bearerGetProperty(bearer_, KestoBearerPropertyDescription));
+    std::string title = Property(toolkit_->BearerProperty(KestoBearerPropertyTitle));
+    std::string version = Property(toolkit_->BearerProperty(KestoBearerPropertyVersion));
+    std::string name = Property(toolkit_->BearerProperty(KestoBearerPropertyName));
+    std::string description = Property(toolkit_->BearerProperty(KestoBearerPropertyDescription));
     log_.Note("bearer \"%s\": %s %s", name.c_str(), title.c_str(), version.c_str());
     log_.Trace("bearer description: %s", description.c_str());
 }
 
-// A property text is the toolkit's to free; a copy is kept and the buffer released.
-std::string ToolkitSession::TakeProperty(char* text) {
-    if (text == nullptr) {
-        return "(none)";
+int ToolkitSession::Finish(int exitCode) {
+    if (!toolkit_) {
+        return exitCode;
     }
-    std::string copy = text;
-    if (!ledger_.Release(text)) {
-        Violation("a property text was not allocated with allocString");
+    log_.Trace("connectionDestroy and bearerTerminate");
+    toolkit_->Terminate();
+    const std::vector<std::string> strings = toolkit_->StringProblems();
+    for (const std::string& problem : strings) {
+        log_.Error("plug-in contract broken: %s", problem.c_str());
     }
-    return copy;
+    toolkit_.reset();
+    connection_ = nullptr;
+    return exitCode == 0 && (violations_ > 0 || !strings.empty()) ? 1 : exitCode;
 }
 
-void ToolkitSession::Close() {
-    if (connection_ != nullptr) {
-        log_.Trace("connectionDestroy");
-        table_.connectionDestroy(connection_);
-        connection_ = nullptr;
+bool ToolkitSession::RunOnce(std::chrono::milliseconds maxWait, std::vector<pollfd>& also, uint32_t& activity) {
+    const int activityCalls = connection_->ActivityCalls();
+    const int timersServed = connection_->TimerExpiries();
+    toolkit_->RunOnce(maxWait, &also);
+    if (connection_->TimerExpiries() != timersServed) {
+        stage_.TimerServed(connection_->TimerPending());
     }
-    if (bearer_ != nullptr) {
-        log_.Trace("bearerTerminate");
-        table_.bearerTerminate(bearer_);
-        bearer_ = nullptr;
+    if (connection_->Failure() != KestoBearerErrorNone) {
+        ReportFailure(connection_->FailedCall(), connection_->Failure());
+        return false;
     }
-}
-
-int ToolkitSession::EventHandle(int& handle) {
-    intptr_t extra = -1;
-    handle = -1;
-    return table_.connectionGetEventHandle(connection_, &handle, &extra);
-}
-
-int ToolkitSession::GetActivity(uint32_t& activity) {
-    activity = 0;
-    return table_.connectionGetActivity(connection_, &activity);
-}
-
-int ToolkitSession::TimerExpired() {
-    timerDeadline_.reset();
-    log_.Trace("connectionTimerExpired");
-    int rc = table_.connectionTimerExpired(connection_);
-    stage_.TimerServed(timerDeadline_.has_value());
-    return rc;
+    activity = connection_->ActivityCalls() != activityCalls ? connection_->Activity() : 0;
+    return true;
 }
 
 int ToolkitSession::Read(std::vector<uint8_t>& buffer, uint32_t& length) {
     length = static_cast<uint32_t>(buffer.size());
-    int rc = table_.connectionRead(connection_, buffer.data(), &length);
+    int rc = toolkit_->Read(*connection_, buffer.data(), length);
     if (rc == KestoBearerErrorBufferTooSmall && length > buffer.size()) {
         log_.Trace("connectionRead needs %u bytes: the read buffer grows from %zu", length, buffer.size());
         buffer.resize(length);
         length = static_cast<uint32_t>(buffer.size());
-        rc = table_.connectionRead(connection_, buffer.data(), &length);
-    }
-    if (rc == KestoBearerErrorBufferTooSmall) {
-        Violation("connectionRead answered KestoBearerErrorBufferTooSmall for a block that fits");
-    } else if (rc == KestoBearerErrorNone && length > buffer.size()) {
-        Violation("connectionRead delivered more bytes than the buffer holds");
-        return KestoBearerErrorFailed;
+        rc = toolkit_->Read(*connection_, buffer.data(), length);
     }
     return rc;
 }
 
-int ToolkitSession::Write(const uint8_t* data, uint32_t& length) {
-    uint32_t offered = length;
-    int rc = table_.connectionWrite(connection_, data, &length);
-    if (rc == KestoBearerErrorNone && length > offered) {
-        Violation("connectionWrite took more bytes than it was offered");
-        return KestoBearerErrorFailed;
-    }
-    return rc;
-}
+int ToolkitSession::Write(const uint8_t* data, uint32_t& length) { return toolkit_->Write(*connection_, data, length); }
 
-void ToolkitSession::CheckThread(const char* function) {
-    if (std::this_thread::get_id() != thread_ && !wrongThreadReported_) {
-        wrongThreadReported_ = true;
-        log_.Error("%s was called on a thread other than the toolkit's", function);
-        ++violations_;
-    }
-}
-
-void ToolkitSession::Violation(const char* what) {
-    log_.Error("plug-in contract broken: %s", what);
+void ToolkitSession::Problem(const std::string& problem) {
+    log_.Error("plug-in contract broken: %s", problem.c_str());
     ++violations_;
 }
 
-ToolkitSession& ToolkitSession::From(void* context, uint32_t tag, const char* function) {
-    auto* c = static_cast<Context*>(context);
-    if (c == nullptr || (c->tag != kBearerTag && c->tag != kConnectionTag)) {
-        std::fprintf(stderr, "kesto-host: %s was called with a context this toolkit never gave out\n", function);
-        std::abort();
-    }
-    if (c->tag != tag) {
-        c->session->log_.Error("%s was called with the %s context", function,
-                               c->tag == kBearerTag ? "bearer" : "connection");
-        ++c->session->violations_;
-    }
-    return *c->session;
+void ToolkitSession::PluginLine(const char* source, const char* text) {
+    stage_.PluginLine(text);
+    log_.PluginLine(source, text);
 }
 
-char* ToolkitSession::AllocString(void* bearerContext, size_t size) {
-    ToolkitSession& self = From(bearerContext, kBearerTag, "allocString");
-    self.log_.Trace("allocString(%zu)", size);
-    return self.ledger_.Allocate(size);
-}
-
-void ToolkitSession::FreeString(void* bearerContext, char* string) {
-    ToolkitSession& self = From(bearerContext, kBearerTag, "freeString");
-    if (!self.ledger_.HandBack(string)) {
-        self.log_.Error("freeString was given %p, which is not a string from getConnectionParameter still on loan",
-                        static_cast<void*>(string));
-    }
-}
-
-void ToolkitSession::BearerLog(void* bearerContext, const char* text) {
-    ToolkitSession& self = From(bearerContext, kBearerTag, "bearerLog");
-    self.stage_.PluginLine(text);
-    self.log_.PluginLine("bearer", text);
-}
-
-void ToolkitSession::ConnectionLog(void* connectionContext, const char* text) {
-    ToolkitSession& self = From(connectionContext, kConnectionTag, "connectionLog");
-    self.stage_.PluginLine(text);
-    self.log_.PluginLine("connection", text);
-}
-
-char* ToolkitSession::GetConnectionParameter(void* connectionContext, const char* name, unsigned char flag,
-                                             int* result) {
-    ToolkitSession& self = From(connectionContext, kConnectionTag, "getConnectionParameter");
-    self.CheckThread("getConnectionParameter");
-    auto field = name != nullptr ? self.fields_.find(name) : self.fields_.end();
-    bool present = field != self.fields_.end();
-    // This toolkit's result word: 0 for a field it has, 1 for one it has not.
-    if (result != nullptr) {
-        *result = present ? 0 : 1;
-    }
-    self.log_.Trace("getConnectionParameter(\"%s\", flag %u) = %s%s%s", name != nullptr ? name : "(null)", flag,
-                    present ? "\"" : "", present ? field->second.c_str() : "absent", present ? "\"" : "");
-    return present ? self.ledger_.Lend(field->second) : nullptr;
-}
-
-int ToolkitSession::SetConnectionStatus(void* connectionContext, int status) {
-    ToolkitSession& self = From(connectionContext, kConnectionTag, "setConnectionStatus");
-    self.CheckThread("setConnectionStatus");
-    self.log_.Note("status %d (%s)", status, StatusName(status));
+void ToolkitSession::Status(const standin::ToolkitConnection&, int status) {
+    log_.Note("status %d (%s)", status, StatusName(status));
     if (status == KestoConnectionStatusConnected) {
-        if (self.connected_) {
-            self.Violation("status KestoConnectionStatusConnected was reported a second time");
-        }
-        self.connected_ = true;
-        self.stage_.Connected();
+        stage_.Connected();
     }
-    return 0;
-}
-
-int ToolkitSession::SetTimer(void* connectionContext, int delayMs) {
-    ToolkitSession& self = From(connectionContext, kConnectionTag, "setTimer");
-    self.CheckThread("setTimer");
-    self.log_.Trace("setTimer(%d ms)", delayMs);
-    // One pending deadline per connection: a new request replaces the last.
-    self.timerDeadline_ = Clock::now() + std::chrono::milliseconds(delayMs > 0 ? delayMs : 0);
-    return 0;
-}
-
-int ToolkitSession::Reserved6(void* connectionContext, intptr_t, intptr_t, int* result) {
-    From(connectionContext, kConnectionTag, "reserved6").Violation("reserved6 was called");
-    if (result != nullptr) {
-        *result = 0;
-    }
-    return KestoBearerErrorFailed;
-}
-
-intptr_t ToolkitSession::Reserved7(void* connectionContext, intptr_t, intptr_t) {
-    From(connectionContext, kConnectionTag, "reserved7").Violation("reserved7 was called");
-    return 0;
 }

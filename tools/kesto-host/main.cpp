@@ -11,7 +11,6 @@
 #include "kesto-host/EventLoop.h"
 #include "kesto-host/Options.h"
 #include "kesto-host/PluginLoader.h"
-#include "kesto-host/StringLedger.h"
 #include "kesto-host/ToolkitSession.h"
 
 namespace {
@@ -61,22 +60,6 @@ std::unique_ptr<StreamClient> MakeClient(const Options& options, HostLog& log) {
     return std::make_unique<Bridge>(log, Milliseconds(options.lingerSeconds));
 }
 
-// A run that worked still fails when the plug-in kept or mishandled strings.
-int CheckLedger(const StringLedger& ledger, HostLog& log, int exitCode) {
-    log.Trace("getConnectionParameter strings: %zu lent, %zu handed back", ledger.Lent(), ledger.HandedBack());
-    if (ledger.Outstanding() > 0) {
-        log.Error("the plug-in kept %zu of the %zu strings that getConnectionParameter lent it", ledger.Outstanding(),
-                  ledger.Lent());
-    }
-    if (ledger.BadHandBacks() > 0) {
-        log.Error("freeString was called %zu times with a string not on loan", ledger.BadHandBacks());
-    }
-    if (ledger.BuffersNotReleased() > 0) {
-        log.Error("%zu allocString buffers never came back as property texts", ledger.BuffersNotReleased());
-    }
-    return exitCode == 0 && !ledger.Balanced() ? EventLoop::kExitFailure : exitCode;
-}
-
 // The tool's version, then the plug-in's as its bearer reports it.
 int PrintVersion(const Options& options) {
     std::printf("kesto-host %s\n", KESTO_HOST_VERSION);
@@ -86,36 +69,27 @@ int PrintVersion(const Options& options) {
     if (!plugin.Load(options.pluginPath, log)) {
         return EventLoop::kExitFailure;
     }
-    StringLedger ledger;
+    ToolkitSession session(plugin.Initialize(), CommandFields(), log);
     std::string version;
-    {
-        ToolkitSession session(plugin.Initialize(), CommandFields(), log, ledger);
-        if (!session.BearerVersion(version)) {
-            return EventLoop::kExitFailure;
-        }
+    if (!session.BearerVersion(version)) {
+        return EventLoop::kExitFailure;
     }
+    int exitCode = session.Finish(0);
     std::printf("plug-in %s (%s)\n", version.c_str(), plugin.Path().c_str());
-    return CheckLedger(ledger, log, 0);
+    return exitCode;
 }
 
 int Connect(const Options& options, HostLog& log, KestoBearerInitializeFn initialize, CommandFields fields) {
-    StringLedger ledger;
+    ToolkitSession session(initialize, std::move(fields), log);
+    std::unique_ptr<StreamClient> client = MakeClient(options, log);
     int exitCode = EventLoop::kExitFailure;
-    {
-        ToolkitSession session(initialize, std::move(fields), log, ledger);
-        std::unique_ptr<StreamClient> client = MakeClient(options, log);
-        if (session.Start()) {
-            exitCode = EventLoop(session, *client, log, Milliseconds(options.timeoutSeconds)).Run();
-        } else {
-            session.ReportStage();
-        }
-        // A failed establish still leaves a connection to destroy.
-        session.Close();
-        if (exitCode == 0 && session.ContractViolations() > 0) {
-            exitCode = EventLoop::kExitFailure;
-        }
+    if (session.Start()) {
+        exitCode = EventLoop(session, *client, log, Milliseconds(options.timeoutSeconds)).Run();
+    } else {
+        session.ReportStage();
     }
-    return CheckLedger(ledger, log, exitCode);
+    // A failed establish still leaves a connection to destroy.
+    return session.Finish(exitCode);
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace standin {
+
 // The toolkit's side of string ownership across the boundary. Buffers that the
 // bearer gets from allocString come back to the toolkit as property results;
 // strings that getConnectionParameter hands out must come back through
@@ -43,3 +45,5 @@ private:
     std::map<const char*, Entry> entries_;
     std::vector<std::string> problems_;
 };
+
+} // namespace standin

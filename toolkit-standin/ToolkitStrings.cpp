@@ -1,6 +1,8 @@
-#include "harness/ToolkitStrings.h"
+#include "toolkit-standin/ToolkitStrings.h"
 
 #include <cstring>
+
+namespace standin {
 
 char* ToolkitStrings::Keep(Kind kind, std::string label, size_t size) {
     storage_.push_back(std::make_unique<char[]>(size));
@@ -63,3 +65,5 @@ std::vector<std::string> ToolkitStrings::Problems() const {
     }
     return problems;
 }
+
+} // namespace standin
