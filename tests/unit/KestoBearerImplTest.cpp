@@ -9,7 +9,6 @@
 
 #include "bearer/KestoBearerImpl.h"
 #include "harness/Toolkit.h"
-#include "support/PatternText.h"
 
 using testing::ElementsAre;
 
@@ -34,7 +33,6 @@ protected:
     }
 
     Toolkit toolkit{Named("Head unit USB #2")};
-    KestoBearerImpl& bearer = *static_cast<KestoBearerImpl*>(toolkit.Bearer());
 };
 
 TEST_F(Bearer, ToolkitAsksForPropertiesAndGetsFreshCopiesOfKnownOnes) {
@@ -70,13 +68,6 @@ TEST_F(Bearer, FencesTurnStandardExceptionsIntoALogLineAndAFailure) {
     EXPECT_THAT(toolkit.BearerLog(),
                 ElementsAre("KestoBearerImpl::CreateConnection caught exception: std::bad_alloc\n",
                             "KestoBearerImpl::GetProperty caught exception: no such property\n"));
-}
-
-TEST_F(Bearer, LongLogLinesReachTheToolkitCutTo255Characters) {
-    for (size_t length : {254, 255, 256, 300}) {
-        bearer.Log("%s", PatternText(length).c_str());
-        EXPECT_EQ(PatternText(length).substr(0, 255), toolkit.BearerLog().back()) << length << " characters";
-    }
 }
 
 TEST_F(Bearer, ToolkitMayTerminateOrDestroyANullHandle) {

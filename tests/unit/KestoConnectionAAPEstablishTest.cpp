@@ -20,28 +20,30 @@ const char kAltWithoutInterface[] = "Error: altsetting present but interface fie
 // Every establishment field is asked for with flag 0 and no result word.
 MATCHER(PlainLookup, "") { return arg.flag == 0 && !arg.resultWordGiven; }
 
-TEST_F(AccessoryConnection, CommandStringWithoutBusOrDevIsRefusedBeforeAnythingStarts) {
-    for (const Fields& fields : {Fields{{"bus", "1"}}, Fields{{"dev", "5"}}, Fields{}}) {
+// Both bus and dev are asked for before either is judged; an alternate
+// setting needs an interface other than -1.
+TEST_F(AccessoryConnection, CommandStringThatCannotWorkIsRefusedBeforeAnythingStarts) {
+    const std::string kMissing = "Error: missing bus or dev fields from command string.";
+    const std::pair<Fields, std::vector<std::string>> refusals[] = {
+        {{{"bus", "1"}}, {kMissing}},
+        {{{"dev", "5"}}, {kMissing}},
+        {{}, {kMissing}},
+        {{{"bus", "1"}, {"dev", "5"}, {"altsetting", "2"}},
+         {"Using USB alternate setting number 2", kAltWithoutInterface}},
+        {{{"bus", "1"}, {"dev", "5"}, {"interface", "-1"}, {"altsetting", "0"}},
+         {"Using USB interface number -1", "Using USB alternate setting number 0", kAltWithoutInterface}},
+    };
+    const char* const asked[] = {"bus", "dev", "interface", "altsetting"};
+    for (const auto& [fields, log] : refusals) {
         ToolkitConnection& connection = toolkit.CreateConnection(fields);
         EXPECT_EQ(KestoBearerErrorInvalidParameter, toolkit.Establish(connection));
-        EXPECT_THAT(connection.Log(), ElementsAre("Error: missing bus or dev fields from command string."));
-        EXPECT_THAT(connection.Lookups(), ElementsAre(Lookup{"bus", 0, false, fields.count("bus") == 1},
-                                                      Lookup{"dev", 0, false, fields.count("dev") == 1}));
+        EXPECT_THAT(connection.Log(), ElementsAreArray(log));
+        ASSERT_EQ(log.back() == kMissing ? 2u : 4u, connection.Lookups().size());
+        for (size_t i = 0; i < connection.Lookups().size(); ++i) {
+            EXPECT_EQ((Lookup{asked[i], 0, false, fields.count(asked[i]) == 1}), connection.Lookups()[i]);
+        }
         EXPECT_TRUE(connection.Statuses().empty());
     }
-    EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
-}
-
-TEST_F(AccessoryConnection, AltsettingNeedsAnInterfaceOtherThanMinusOne) {
-    ToolkitConnection& noInterface = Establish({{"altsetting", "2"}}, KestoBearerErrorInvalidParameter);
-    EXPECT_THAT(noInterface.Log(), ElementsAre("Using USB alternate setting number 2", kAltWithoutInterface));
-    ToolkitConnection& minusOne =
-        Establish({{"interface", "-1"}, {"altsetting", "0"}}, KestoBearerErrorInvalidParameter);
-    EXPECT_THAT(minusOne.Log(), ElementsAre("Using USB interface number -1", "Using USB alternate setting number 0",
-                                            kAltWithoutInterface));
-    EXPECT_EQ(4u, minusOne.Lookups().size());
-    EXPECT_THAT(minusOne.Lookups(), testing::Each(PlainLookup()));
-    EXPECT_TRUE(minusOne.Statuses().empty());
     EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
 }
 
