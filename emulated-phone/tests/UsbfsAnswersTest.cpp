@@ -16,11 +16,13 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace emuphone {
 namespace {
 
 constexpr uint8_t kIn = 0x81;
+constexpr uint8_t kOut = 0x01;
 
 // A node opened as libusb opens it, with the phone in accessory mode and
 // silent, so that an IN URB stays in flight until something ends it.
@@ -231,6 +233,46 @@ TEST_P(UsbfsNode, HaltedEndpointFailsUrbsWithEpipeUntilTheHaltIsCleared)
     ASSERT_EQ(0, Call(USBDEVFS_CLEAR_HALT, &endpoint));
     ASSERT_EQ(0, Submit(urb));
     EXPECT_FALSE(Ready(50)) << "the endpoint is still halted";
+}
+
+// The phone's driver ends a read only on a short packet or at 16 KiB: a host
+// that leaves a whole number of packets gets nothing to the application until
+// it sends more. The harshest model, which the plug-in's stories run against.
+TEST_P(UsbfsNode, PhoneDriverHoldsWholePacketsUntilAShortOne)
+{
+    const struct {
+        bool superSpeed;
+        size_t write;
+        bool held;
+    } cases[] = {{false, 1024, true}, {false, 1000, false}, {true, 512, false}, {true, 2048, true},
+                 {false, 16384, false}};
+    static const unsigned char kHostHandshake[] = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x48, 0x4F, 0x53, 0x54};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.write << (c.superSpeed ? " bytes, super speed" : " bytes"));
+        PhoneOptions options;
+        options.superSpeed = c.superSpeed;
+        Plug(options);
+        ASSERT_EQ(0, Claim(0));
+        std::vector<unsigned char> stream(c.write, 0x5A);
+        usbdevfs_urb handshake{}, write{}, more{};
+        auto send = [this](usbdevfs_urb& urb, const unsigned char* data, size_t length) {
+            urb.type = USBDEVFS_URB_TYPE_BULK;
+            urb.endpoint = kOut;
+            urb.buffer = const_cast<unsigned char*>(data);
+            urb.buffer_length = static_cast<int>(length);
+            return Call(USBDEVFS_SUBMITURB, &urb);
+        };
+        ASSERT_EQ(0, send(handshake, kHostHandshake, sizeof kHostHandshake));
+        ASSERT_TRUE(phone_->WaitFor(PhoneStage::HandshakeDone, std::chrono::seconds(2)));
+        ASSERT_EQ(0, send(write, stream.data(), stream.size()));
+        auto read = [](const PhoneReport& r) { return r.bytesFromHost > 0; };
+        EXPECT_EQ(c.held, !phone_->WaitUntil(read, std::chrono::milliseconds(c.held ? 50 : 2000)));
+        if (c.held) {
+            ASSERT_EQ(0, send(more, stream.data(), 10));
+            EXPECT_TRUE(phone_->WaitUntil([&](const PhoneReport& r) { return r.bytesFromHost == c.write + 10; },
+                                          std::chrono::seconds(2)));
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(, UsbfsNode,
