@@ -15,4 +15,8 @@ void Reset() {
     });
 }
 
+void AbortOnMisuse() {
+    detail::World::abortOnMisuse = true;
+}
+
 } // namespace fakeusb

@@ -38,4 +38,8 @@ namespace fakeusb {
 // code under test alive, in the fixture's SetUp and TearDown.
 void Reset();
 
+// From now on a misuse prints what it was and aborts the process instead of
+// failing the running test: for the fuzzer, whose crash is its report.
+void AbortOnMisuse();
+
 } // namespace fakeusb

@@ -10,6 +10,7 @@
 namespace fakeusb::detail {
 
 std::mutex World::mutex;
+bool World::abortOnMisuse = false;
 
 World& TheWorld() {
     static World world;
@@ -26,6 +27,10 @@ std::string Format(const char* format, ...) {
 }
 
 void World::Misuse(const std::string& what) {
+    if (abortOnMisuse) {
+        std::fprintf(stderr, "libusb misuse: %s\n", what.c_str());
+        std::abort();
+    }
     ADD_FAILURE() << "libusb misuse: " << what;
 }
 

@@ -64,6 +64,7 @@ struct FailureRule {
 
 struct World {
     static std::mutex mutex; // static: Clear starts the world afresh by assignment
+    static bool abortOnMisuse;
 
     std::vector<std::unique_ptr<PhysicalDevice>> physical; // by id - 1, in list order
     // libusb objects stay allocated until Reset, so that a stale pointer is

@@ -1,0 +1,235 @@
+#include "fuzz/FuzzPhone.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "fuzz/Check.h"
+
+using fakeusb::DeviceSpec;
+using fakeusb::Submission;
+using fakeusb::Transfers;
+
+namespace {
+
+const std::vector<uint8_t> kDeviceHandshake{0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'D', 'E', 'V'};
+const std::vector<uint8_t> kHostHandshake{0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'H', 'O', 'S', 'T'};
+// libusb's transfer statuses: completed, error, timed out, cancelled, stall, no device, overflow.
+constexpr int kStatuses = 7;
+constexpr int kNoDevice = LIBUSB_TRANSFER_NO_DEVICE;
+// More passes than this in one toolkit call is a drain waiting for a transfer
+// whose cancellation failed: the device then ends it, as a real one does.
+constexpr int kPassesBeforeDeviceGives = 2;
+
+// Never 0xFF, so the phone's data never looks like its handshake by chance.
+uint8_t PhoneByte(size_t position) { return static_cast<uint8_t>((position * 13 + 5) % 251); }
+
+int KernelDriver(uint8_t b) {
+    switch (b % 4) {
+    case 0: return 0;
+    case 1: return 1;
+    case 2: return LIBUSB_ERROR_NOT_SUPPORTED;
+    default: return -(b / 4 % 12 + 1);
+    }
+}
+
+std::vector<fakeusb::Interface> ReadInterfaces(FuzzInput& in) {
+    std::vector<fakeusb::Interface> interfaces(in.U8() % 5);
+    for (fakeusb::Interface& alts : interfaces) {
+        alts.resize(in.U8() % 4);
+        for (fakeusb::AltSetting& alt : alts) {
+            alt = {in.U8(), in.U8(), in.U8(), in.U8(), in.U8(), {}};
+            alt.endpoints.resize(in.U8() % 5);
+            for (fakeusb::Endpoint& e : alt.endpoints) {
+                e.address = in.U8();
+                e.maxPacketSize = in.U16();
+                e.type = in.U8() % 4;
+            }
+        }
+    }
+    return interfaces;
+}
+
+// kind modulo 4: 1 an accessory with the debug bridge,
+// 2 one without, else a phone before the switch; its flags: 4 serial unreadable, 8 ids, 16 configuration and
+// kernel driver, 32 ports, 64 interfaces, as the input gives them.
+DeviceSpec ReadDevice(FuzzInput& in) {
+    const uint8_t kind = in.U8();
+    const uint8_t bus = in.U8();
+    const uint8_t address = in.U8();
+    const std::string serial = in.Text();
+    DeviceSpec d = kind % 4 == 1 || kind % 4 == 2 ? fakeusb::AccessoryPhone(bus, address, serial, kind % 4 == 1)
+                                                  : fakeusb::AndroidPhone(bus, address, serial);
+    if (kind & 4) {
+        d.strings.erase(DeviceSpec::kSerialIndex);
+    }
+    if (kind & 8) {
+        d.descriptor.idVendor = in.U16();
+        d.descriptor.idProduct = in.U16();
+        d.descriptor.iSerialNumber = in.U8();
+    }
+    if (kind & 16) {
+        d.configuration = in.U8() & 1;
+        d.kernelDriverActive = KernelDriver(in.U8());
+    }
+    if (kind & 32) {
+        d.ports = in.Bytes(in.U8() % 9);
+    }
+    if (kind & 64) {
+        d.interfaces = ReadInterfaces(in);
+    }
+    return d;
+}
+
+} // namespace
+
+FuzzPhone::FuzzPhone() : expected(kHostHandshake) {
+    fakeusb::Reset();
+    Transfers::SetResponder([this](const Submission& s) { OnSubmission(s); });
+    fakeusb::Events::SetHandleEventsHook([this] { OnEventPass(); });
+}
+
+FuzzPhone::~FuzzPhone() { fakeusb::Reset(); }
+
+void FuzzPhone::Plug(FuzzInput& in) { plugged.push_back(fakeusb::Bus::Add(ReadDevice(in))); }
+
+void FuzzPhone::Unplug(FuzzInput& in) {
+    const uint8_t pick = in.U8();
+    if (!plugged.empty()) {
+        auto it = plugged.begin() + pick % plugged.size();
+        fakeusb::Bus::Unplug(*it);
+        plugged.erase(it);
+    }
+}
+
+std::optional<Submission> FuzzPhone::Oldest(bool control, bool in) {
+    for (const Submission& s : Transfers::InFlight()) {
+        if (s.IsControl() == control && (control || s.IsIn() == in)) {
+            return s;
+        }
+    }
+    return std::nullopt;
+}
+
+// A reply of two bytes is the protocol version; fewer is a short one.
+void FuzzPhone::Answer(FuzzInput& in) {
+    const int status = in.U8() % kStatuses;
+    const std::vector<uint8_t> reply = in.Bytes(in.U8() % 3);
+    if (std::optional<Submission> s = Oldest(true, false)) {
+        Transfers::Complete(s->id, status, s->IsIn() ? reply : std::vector<uint8_t>{});
+        switchAccepted = switchAccepted || (s->setup.request == 53 && status == LIBUSB_TRANSFER_COMPLETED);
+    }
+}
+
+// mode 1: the chunk begins with the phone's handshake; mode 2: its bytes are
+// the input's (up to 32), else a pattern of the given length. A device fills
+// the reads of an endpoint in the order they were queued.
+void FuzzPhone::Send(FuzzInput& in) {
+    const int status = in.U8() % kStatuses;
+    const uint8_t mode = in.U8();
+    std::vector<uint8_t> chunk = mode & 1 ? kDeviceHandshake : std::vector<uint8_t>{};
+    if (mode & 2) {
+        const std::vector<uint8_t> literal = in.Bytes(in.U8() % 33);
+        chunk.insert(chunk.end(), literal.begin(), literal.end());
+    } else {
+        for (size_t n = in.U16(); n > 0; n--) {
+            chunk.push_back(PhoneByte(sent.size() + chunk.size()));
+        }
+    }
+    std::optional<Submission> s = Oldest(false, true);
+    if (!s) {
+        return;
+    }
+    chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
+    Transfers::Complete(s->id, status, chunk);
+    if (!chunk.empty()) {
+        lastChunk = static_cast<long>(sent.size());
+        sent.insert(sent.end(), chunk.begin(), chunk.end());
+    }
+}
+
+// partial: bit 15 set, the phone took only (partial & 0x7FFF) modulo the
+// length + 1 bytes; otherwise all when completed, none when not.
+void FuzzPhone::Take(FuzzInput& in) {
+    const int status = in.U8() % kStatuses;
+    const uint16_t partial = in.U16();
+    std::optional<Submission> s = Oldest(false, false);
+    if (!s) {
+        return;
+    }
+    const size_t length = s->data.size();
+    const size_t taken = partial & 0x8000 ? (partial & 0x7FFF) % (length + 1)
+                         : status == LIBUSB_TRANSFER_COMPLETED ? length : 0;
+    Transfers::Complete(s->id, status, {}, static_cast<int>(taken));
+    Check(received + taken <= expected.size() &&
+              std::equal(s->data.begin(), s->data.begin() + static_cast<long>(taken), expected.begin() + static_cast<long>(received)),
+          "the phone received bytes other than the host handshake and the toolkit's accepted writes, in order");
+    received += taken;
+}
+
+void FuzzPhone::Fail(FuzzInput& in) {
+    const auto function = static_cast<fakeusb::Function>(in.U8() % 16);
+    const int code = -(in.U8() % 13 + 1);
+    fakeusb::Failures::Fail(function, code == -13 ? LIBUSB_ERROR_OTHER : code, in.U8() % 16);
+}
+
+// 0 clears; bit 15 asks for an hour and more; else milliseconds.
+void FuzzPhone::SetTimeout(FuzzInput& in) {
+    const uint16_t ms = in.U16();
+    if (ms == 0) {
+        fakeusb::Events::ClearNextTimeout();
+    } else if (ms & 0x8000) {
+        fakeusb::Events::SetNextTimeout(static_cast<long>(ms) * 100000, 0);
+    } else {
+        fakeusb::Events::SetNextTimeout(ms / 1000, ms % 1000 * 1000);
+    }
+}
+
+// The chunk the plug-in took for the phone's handshake is the latest: while
+// it waits for one, it has a single read out.
+void FuzzPhone::Match() {
+    if (Matched()) {
+        return;
+    }
+    Check(lastChunk >= 0 && sent.size() - static_cast<size_t>(lastChunk) >= kDeviceHandshake.size() &&
+              std::equal(kDeviceHandshake.begin(), kDeviceHandshake.end(), sent.begin() + lastChunk),
+          "the host answered, or handed bytes to the toolkit, before the phone's handshake");
+    streamStart = lastChunk + static_cast<long>(kDeviceHandshake.size());
+    read = static_cast<size_t>(streamStart);
+}
+
+void FuzzPhone::Delivered(const uint8_t* bytes, uint32_t count) {
+    Match();
+    Check(read + count <= sent.size() && std::memcmp(bytes, sent.data() + read, count) == 0,
+          "the toolkit received bytes other than the phone sent after its handshake, in order, once");
+    read += count;
+}
+
+std::vector<uint8_t> FuzzPhone::WriteBytes(uint32_t count) const {
+    std::vector<uint8_t> bytes(count);
+    for (uint32_t i = 0; i < count; i++) {
+        bytes[i] = static_cast<uint8_t>((expected.size() + i) * 7 + 1);
+    }
+    return bytes;
+}
+
+void FuzzPhone::Accepted(const std::vector<uint8_t>& bytes) { expected.insert(expected.end(), bytes.begin(), bytes.end()); }
+
+void FuzzPhone::OnSubmission(const Submission& s) {
+    if (s.IsControl()) {
+        return;
+    }
+    bulkSeen = true;
+    if (!s.IsIn()) {
+        Match();
+        writes++;
+        lastWrite = s.data;
+    }
+}
+
+void FuzzPhone::OnEventPass() {
+    if (++eventPasses > kPassesBeforeDeviceGives) {
+        for (const Submission& s : Transfers::InFlight()) {
+            Transfers::Complete(s.id, kNoDevice);
+        }
+    }
+}
