@@ -53,8 +53,8 @@ testing::AssertionResult Cycle(emuphone::EmulatedPhone& phone, int number) {
     if (int result = toolkit.Establish(connection)) {
         return testing::AssertionFailure() << "cycle " << number << ": establish returned " << result;
     }
-    if (!toolkit.RunUntil([&] { return Connected(connection) || connection.Failure() != 0; }) ||
-        !Connected(connection)) {
+    if (!toolkit.RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }) ||
+        !connection.Connected()) {
         return testing::AssertionFailure() << "cycle " << number << ": not connected";
     }
     if (number > 0) {

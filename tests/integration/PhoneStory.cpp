@@ -58,11 +58,6 @@ Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields)
     return fields;
 }
 
-bool Connected(const ToolkitConnection& connection) {
-    const std::vector<int>& statuses = connection.Statuses();
-    return std::find(statuses.begin(), statuses.end(), KestoConnectionStatusConnected) != statuses.end();
-}
-
 bool Logged(const ToolkitConnection& connection, const std::string& text) {
     const std::vector<std::string>& log = connection.Log();
     return std::any_of(log.begin(), log.end(), [&](const std::string& line) { return line.find(text) != line.npos; });
@@ -124,8 +119,8 @@ ToolkitConnection& PhoneStory::Connect(emuphone::EmulatedPhone& phone, Toolkit::
 }
 
 bool PhoneStory::RunUntilConnected(ToolkitConnection& connection, Ms timeout) {
-    return toolkit->RunUntil([&] { return Connected(connection) || connection.Failure() != 0; }, timeout) &&
-           Connected(connection);
+    return toolkit->RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }, timeout) &&
+           connection.Connected();
 }
 
 void PhoneStory::TearDown() {

@@ -22,7 +22,6 @@ std::string DescribeDescriptors();
 int OpenDescriptorsOnceSettled(int expected);
 
 Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields = {});
-bool Connected(const ToolkitConnection& connection);
 bool Logged(const ToolkitConnection& connection, const std::string& text);
 
 // The toolkit's side of a stream to the phone's echo application.

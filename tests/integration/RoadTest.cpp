@@ -1,4 +1,7 @@
-// Phones that connect: the whole road and the variations real phones bring to it.
+// Phones that connect over the real libusb: the whole road, and phones told
+// apart by their serial or by where they sit on the bus. The variations a phone brings to
+// the road (already an accessory, debug bridge first, no serial, a wrong
+// handshake) are the unit stories, where libusb's answers are exact.
 #include <cstdio>
 #include <thread>
 
@@ -9,10 +12,6 @@
 using emuphone::PhoneOptions;
 using emuphone::PhoneStage;
 using testing::ElementsAre;
-
-namespace {
-const std::vector<uint8_t> kDeviceHandshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x44, 0x45, 0x56};
-} // namespace
 
 TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     PhoneOptions options;
@@ -41,31 +40,6 @@ TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     EXPECT_EQ(0, report.unclaimedSubmissions);
     std::printf("[ figure ] 64 MiB echoed on the high-speed link model in %.2f s: %.1f MB/s each way\n", run.seconds,
                 total / 1e6 / run.seconds);
-}
-
-TEST_F(PhoneStory, PhoneAlreadyInAccessoryModeIsNotSwitchedAgain) {
-    PhoneOptions options;
-    options.startInAccessoryMode = true;
-    emuphone::EmulatedPhone& phone = Plug(options);
-    ToolkitConnection& connection = Connect(phone);
-    ASSERT_TRUE(RunUntilConnected(connection));
-
-    EXPECT_TRUE(Logged(connection, "Device already in accessory mode."));
-    emuphone::PhoneReport report = phone.Report();
-    EXPECT_EQ(0, report.versionQueries + report.identityRequests + report.startRequests);
-    EXPECT_FALSE(report.Reached(PhoneStage::Detached));
-    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
-}
-
-TEST_F(PhoneStory, DebugBridgeInterfaceListedFirstIsPassedOver) {
-    PhoneOptions options;
-    options.debugBridgeFirst = true;
-    emuphone::EmulatedPhone& phone = Plug(options);
-    ToolkitConnection& connection = Connect(phone);
-    ASSERT_TRUE(RunUntilConnected(connection));
-
-    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
-    EXPECT_EQ(0, phone.Report().unclaimedSubmissions);
 }
 
 TEST_F(PhoneStory, OfTwoAccessoriesTheOneWithTheSerialIsChosenThoughListedSecond) {
@@ -113,35 +87,3 @@ TEST_P(TwinPhones, TheSwitchedOneIsTakenNotTheTwinAlreadyAnAccessory) {
 INSTANTIATE_TEST_SUITE_P(, TwinPhones, testing::Bool(), [](const testing::TestParamInfo<bool>& info) {
     return info.param ? "TwinOnTheHigherPort" : "TwinOnTheLowerPort";
 });
-
-TEST_F(PhoneStory, PhoneWithoutSerialIsTakenByTheFallbackAfterTwentyOneSearches) {
-    PhoneOptions options;
-    options.serial = std::nullopt;
-    emuphone::EmulatedPhone& phone = Plug(options);
-    const auto start = std::chrono::steady_clock::now();
-    ToolkitConnection& connection = Connect(phone);
-    ASSERT_TRUE(RunUntilConnected(connection, Ms(10000)));
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-
-    EXPECT_TRUE(Logged(connection, "Failed to retrieve serial number for device"));
-    EXPECT_FALSE(Logged(connection, "Located device with matching serial number"));
-    EXPECT_GE(connection.TimerExpiries(), 22);
-    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
-    std::printf("[ figure ] a phone without serial connected by the fallback after %.2f s, %d timer expiries\n",
-                seconds, connection.TimerExpiries());
-}
-
-TEST_F(PhoneStory, WrongHandshakeIsLoggedAndTheRightOneThatFollowsAccepted) {
-    PhoneOptions options;
-    options.handshake = {0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 0x44, 0x45, 0x57};
-    options.handshake.insert(options.handshake.end(), kDeviceHandshake.begin(), kDeviceHandshake.end());
-    options.handshakeChunk = kDeviceHandshake.size();
-    emuphone::EmulatedPhone& phone = Plug(options);
-    ToolkitConnection& connection = Connect(phone);
-    ASSERT_TRUE(RunUntilConnected(connection));
-
-    EXPECT_TRUE(Logged(connection, "Device handshake wasn't as expected: 0xff 0xff 0x00 0x00 0x0a 0x0a 0x44 0x45 0x57"));
-    EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
-    // Nothing of either handshake may leak into the stream.
-    EXPECT_EQ(100000u, Echo(*toolkit, connection, 100000).returned);
-}

@@ -89,7 +89,7 @@ TEST_F(PhoneStory, PhonePulledWhileAwayIsFoundWhenPluggedBackInAccessoryMode) {
     ToolkitConnection& connection = Connect(phone);
     ASSERT_TRUE(toolkit->RunUntil([&] { return phone.Report().Reached(PhoneStage::Unplugged); }));
     toolkit->RunFor(Ms(400));
-    EXPECT_FALSE(Connected(connection));
+    EXPECT_FALSE(connection.Connected());
     EXPECT_EQ(0, connection.Failure());
     EXPECT_TRUE(connection.TimerPending()) << "the search stopped";
 
