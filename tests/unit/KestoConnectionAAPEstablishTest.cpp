@@ -3,13 +3,9 @@
 
 #include "KestoConnectionAAPFixture.h"
 #include "support/AllocationFailures.h"
-#include "usb/LibUSBBearerConnection.h"
 
 namespace aap {
 namespace {
-
-// Start-up allocates a transfer per read slot, then the write and control ones.
-constexpr int kSlots = static_cast<int>(LibUSBBearerConnection::kReadSlotCount);
 
 using fakeusb::Failures;
 using fakeusb::Function;
@@ -99,14 +95,6 @@ TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
          {"Error, could not initialise libusb", "Failed to initialise LibUSBBearerConnection: libusb error -3"}, false},
         {[] { Failures::Fail(Function::AllocTransfer, 0); }, KestoBearerErrorFailed,
          {"Could not allocate transfer for read transfers",
-          "Failed to initialise LibUSBBearerConnection: libusb error -11"},
-         false},
-        {[] { Failures::Fail(Function::AllocTransfer, 0, kSlots); }, KestoBearerErrorFailed,
-         {"Could not allocate transfer for write transfers",
-          "Failed to initialise LibUSBBearerConnection: libusb error -11"},
-         false},
-        {[] { Failures::Fail(Function::AllocTransfer, 0, kSlots + 1); }, KestoBearerErrorFailed,
-         {"Could not allocate transfer for control transfers",
           "Failed to initialise LibUSBBearerConnection: libusb error -11"},
          false},
         {[] { AllocationFailures::FailAfter(0); }, KestoBearerErrorFailed,
