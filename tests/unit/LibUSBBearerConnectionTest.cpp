@@ -635,7 +635,7 @@ TEST_F(TransferEngine, EverySubmissionEvenARefusedOneAsksForATimerInWholeMillise
     struct Row { long seconds, microseconds; std::function<int()> submit; int ms; };
     const Row rows[] = {
         {0, 200, [this] { return AskVersion(); }, 1},
-        {1, 1500, [this] { return Write(Count(3)); }, 1002},
+        {1, 1500, [this] { return Write(Count(3), 1000); }, 1002},
         {2, 0, refusedRead, 2000},
         {0, 0, [this] { return SubmitReads(1); }, 1},
     };
