@@ -48,6 +48,21 @@ TEST_F(AccessoryConnection, AnotherPhoneWithOurSerialIsNotTakenWhenOursStaysAway
     EXPECT_EQ(0, connection.Failure());
 }
 
+// Of two phones with our serial that come back after the switch, the one on
+// our phone's port is ours, though listed second.
+TEST_F(AccessoryConnection, OfTwoReturningPhonesWithOurSerialTheOneOnOurPortIsTaken) {
+    fakeusb::DeviceSpec twin = fakeusb::AccessoryPhone(1, 7, kSerial);
+    twin.ports = {2};
+    PhoneScript script;
+    script.comesBackAs = {twin, fakeusb::AccessoryPhone(1, 6, kSerial)};
+    PlugPhone(script);
+    Establish();
+    const int connectedTo = AwaitTransfer(kIn).deviceId;
+    ASSERT_EQ(2u, returned.size());
+    EXPECT_EQ(returned[1], connectedTo);
+    EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(returned[0]), testing::IsEmpty());
+}
+
 // A toolkit may ask for activity as often as it likes: while the phone is
 // away that must not put off the next search, which a new timer request would.
 TEST_F(AccessoryConnection, EagerToolkitDoesNotPutOffTheSearch) {
