@@ -1,7 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -12,15 +15,32 @@ public:
     FuzzInput(const uint8_t* data, size_t size) : data(data), size(size) {}
 
     bool Empty() const { return offset >= size; }
-    uint8_t U8();
-    // Little-endian.
-    uint16_t U16();
-    std::vector<uint8_t> Bytes(size_t count);
+    uint8_t U8() { return offset < size ? data[offset++] : 0; }
+    uint16_t U16() { // little-endian
+        const uint8_t low = U8();
+        return static_cast<uint16_t>(low | U8() << 8);
+    }
+    std::vector<uint8_t> Bytes(size_t count) {
+        std::vector<uint8_t> bytes(count);
+        std::generate(bytes.begin(), bytes.end(), [this] { return U8(); });
+        return bytes;
+    }
     // A length byte, then that many bytes.
-    std::string Text();
+    std::string Text() {
+        const std::vector<uint8_t> bytes = Bytes(U8());
+        return {bytes.begin(), bytes.end()};
+    }
 
 private:
     const uint8_t* data;
     size_t size;
     size_t offset = 0;
 };
+
+// A broken invariant is the fuzzer's finding: say which, and crash.
+inline void Check(bool holds, const char* invariant) {
+    if (!holds) {
+        std::fprintf(stderr, "invariant broken: %s\n", invariant);
+        std::abort();
+    }
+}

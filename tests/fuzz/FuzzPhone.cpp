@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "fuzz/Check.h"
-
 using fakeusb::DeviceSpec;
 using fakeusb::Submission;
 using fakeusb::Transfers;
@@ -13,45 +11,21 @@ namespace {
 
 const std::vector<uint8_t> kDeviceHandshake{0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'D', 'E', 'V'};
 const std::vector<uint8_t> kHostHandshake{0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'H', 'O', 'S', 'T'};
-// libusb's transfer statuses: completed, error, timed out, cancelled, stall, no device, overflow.
-constexpr int kStatuses = 7;
-constexpr int kNoDevice = LIBUSB_TRANSFER_NO_DEVICE;
-// More passes than this in one toolkit call is a drain waiting for a transfer
-// whose cancellation failed: the device then ends it, as a real one does.
+// How a device ends a transfer. libusb says cancelled only of the plug-in's own cancellations.
+constexpr int kStatuses[] = {LIBUSB_TRANSFER_COMPLETED, LIBUSB_TRANSFER_ERROR, LIBUSB_TRANSFER_TIMED_OUT,
+                             LIBUSB_TRANSFER_STALL, LIBUSB_TRANSFER_NO_DEVICE, LIBUSB_TRANSFER_OVERFLOW};
+// More passes in one toolkit call is a drain waiting for a transfer whose
+// cancellation failed: the device then ends it, as a real one would.
 constexpr int kPassesBeforeDeviceGives = 2;
+
+int Status(FuzzInput& in) { return kStatuses[in.U8() % 6]; }
 
 // Never 0xFF, so the phone's data never looks like its handshake by chance.
 uint8_t PhoneByte(size_t position) { return static_cast<uint8_t>((position * 13 + 5) % 251); }
 
-int KernelDriver(uint8_t b) {
-    switch (b % 4) {
-    case 0: return 0;
-    case 1: return 1;
-    case 2: return LIBUSB_ERROR_NOT_SUPPORTED;
-    default: return -(b / 4 % 12 + 1);
-    }
-}
-
-std::vector<fakeusb::Interface> ReadInterfaces(FuzzInput& in) {
-    std::vector<fakeusb::Interface> interfaces(in.U8() % 5);
-    for (fakeusb::Interface& alts : interfaces) {
-        alts.resize(in.U8() % 4);
-        for (fakeusb::AltSetting& alt : alts) {
-            alt = {in.U8(), in.U8(), in.U8(), in.U8(), in.U8(), {}};
-            alt.endpoints.resize(in.U8() % 5);
-            for (fakeusb::Endpoint& e : alt.endpoints) {
-                e.address = in.U8();
-                e.maxPacketSize = in.U16();
-                e.type = in.U8() % 4;
-            }
-        }
-    }
-    return interfaces;
-}
-
-// kind modulo 4: 1 an accessory with the debug bridge,
-// 2 one without, else a phone before the switch; its flags: 4 serial unreadable, 8 ids, 16 configuration and
-// kernel driver, 32 ports, 64 interfaces, as the input gives them.
+// kind modulo 4: 1 an accessory with the debug bridge, 2 one without, else a
+// phone before the switch. Flags: 4 serial unreadable; from the input, 8 ids,
+// 16 configuration and kernel driver, 32 ports, 64 interfaces.
 DeviceSpec ReadDevice(FuzzInput& in) {
     const uint8_t kind = in.U8();
     const uint8_t bus = in.U8();
@@ -69,13 +43,23 @@ DeviceSpec ReadDevice(FuzzInput& in) {
     }
     if (kind & 16) {
         d.configuration = in.U8() & 1;
-        d.kernelDriverActive = KernelDriver(in.U8());
+        const uint8_t k = in.U8(); // none, one, status not supported, or a libusb error
+        d.kernelDriverActive = k % 4 < 2 ? k % 4 : k % 4 == 2 ? LIBUSB_ERROR_NOT_SUPPORTED : -(k / 4 % 12 + 1);
     }
     if (kind & 32) {
         d.ports = in.Bytes(in.U8() % 9);
     }
     if (kind & 64) {
-        d.interfaces = ReadInterfaces(in);
+        d.interfaces.resize(in.U8() % 5);
+        for (fakeusb::Interface& alts : d.interfaces) {
+            alts.resize(in.U8() % 4);
+            for (fakeusb::AltSetting& alt : alts) {
+                alt = {in.U8(), in.U8(), in.U8(), in.U8(), in.U8(), std::vector<fakeusb::Endpoint>(in.U8() % 5)};
+                for (fakeusb::Endpoint& e : alt.endpoints) {
+                    e = {in.U8(), in.U16(), static_cast<uint8_t>(in.U8() % 4)};
+                }
+            }
+        }
     }
     return d;
 }
@@ -85,10 +69,14 @@ DeviceSpec ReadDevice(FuzzInput& in) {
 FuzzPhone::FuzzPhone() : expected(kHostHandshake) {
     fakeusb::Reset();
     Transfers::SetResponder([this](const Submission& s) { OnSubmission(s); });
-    fakeusb::Events::SetHandleEventsHook([this] { OnEventPass(); });
+    fakeusb::Events::SetHandleEventsHook([this] {
+        if (++eventPasses > kPassesBeforeDeviceGives) {
+            for (const Submission& s : Transfers::InFlight()) {
+                Transfers::Complete(s.id, LIBUSB_TRANSFER_NO_DEVICE);
+            }
+        }
+    });
 }
-
-FuzzPhone::~FuzzPhone() { fakeusb::Reset(); }
 
 void FuzzPhone::Plug(FuzzInput& in) { plugged.push_back(fakeusb::Bus::Add(ReadDevice(in))); }
 
@@ -112,7 +100,7 @@ std::optional<Submission> FuzzPhone::Oldest(bool control, bool in) {
 
 // A reply of two bytes is the protocol version; fewer is a short one.
 void FuzzPhone::Answer(FuzzInput& in) {
-    const int status = in.U8() % kStatuses;
+    const int status = Status(in);
     const std::vector<uint8_t> reply = in.Bytes(in.U8() % 3);
     if (std::optional<Submission> s = Oldest(true, false)) {
         Transfers::Complete(s->id, status, s->IsIn() ? reply : std::vector<uint8_t>{});
@@ -120,11 +108,11 @@ void FuzzPhone::Answer(FuzzInput& in) {
     }
 }
 
-// mode 1: the chunk begins with the phone's handshake; mode 2: its bytes are
-// the input's (up to 32), else a pattern of the given length. A device fills
-// the reads of an endpoint in the order they were queued.
+// mode 1: the chunk begins with the phone's handshake; mode 2: then up to 32
+// bytes from the input, else a pattern of the given length. A device fills
+// an endpoint's reads in the order they were queued.
 void FuzzPhone::Send(FuzzInput& in) {
-    const int status = in.U8() % kStatuses;
+    const int status = Status(in);
     const uint8_t mode = in.U8();
     std::vector<uint8_t> chunk = mode & 1 ? kDeviceHandshake : std::vector<uint8_t>{};
     if (mode & 2) {
@@ -135,72 +123,66 @@ void FuzzPhone::Send(FuzzInput& in) {
             chunk.push_back(PhoneByte(sent.size() + chunk.size()));
         }
     }
-    std::optional<Submission> s = Oldest(false, true);
-    if (!s) {
-        return;
-    }
-    chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
-    Transfers::Complete(s->id, status, chunk);
-    if (!chunk.empty()) {
-        lastChunk = static_cast<long>(sent.size());
-        sent.insert(sent.end(), chunk.begin(), chunk.end());
+    if (std::optional<Submission> s = Oldest(false, true)) {
+        chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
+        Transfers::Complete(s->id, status, chunk);
+        if (!chunk.empty()) {
+            lastChunk = static_cast<long>(sent.size());
+            sent.insert(sent.end(), chunk.begin(), chunk.end());
+        }
     }
 }
 
-// partial: bit 15 set, the phone took only (partial & 0x7FFF) modulo the
-// length + 1 bytes; otherwise all when completed, none when not.
+// partial with bit 15: the phone took (partial & 0x7FFF) modulo length + 1
+// bytes; otherwise all when completed, none when not.
 void FuzzPhone::Take(FuzzInput& in) {
-    const int status = in.U8() % kStatuses;
+    const int status = Status(in);
     const uint16_t partial = in.U16();
-    std::optional<Submission> s = Oldest(false, false);
-    if (!s) {
-        return;
+    if (std::optional<Submission> s = Oldest(false, false)) {
+        const size_t length = s->data.size();
+        const size_t taken = partial & 0x8000 ? (partial & 0x7FFF) % (length + 1)
+                             : status == LIBUSB_TRANSFER_COMPLETED ? length : 0;
+        Transfers::Complete(s->id, status, {}, static_cast<int>(taken));
+        Check(received + taken <= expected.size() &&
+                  std::equal(s->data.begin(), s->data.begin() + static_cast<long>(taken), expected.begin() + static_cast<long>(received)),
+              "the phone receives the host handshake, then the toolkit's accepted writes, in order");
+        received += taken;
     }
-    const size_t length = s->data.size();
-    const size_t taken = partial & 0x8000 ? (partial & 0x7FFF) % (length + 1)
-                         : status == LIBUSB_TRANSFER_COMPLETED ? length : 0;
-    Transfers::Complete(s->id, status, {}, static_cast<int>(taken));
-    Check(received + taken <= expected.size() &&
-              std::equal(s->data.begin(), s->data.begin() + static_cast<long>(taken), expected.begin() + static_cast<long>(received)),
-          "the phone received bytes other than the host handshake and the toolkit's accepted writes, in order");
-    received += taken;
 }
 
+// Errors -1 to -12, and -99 for the thirteenth.
 void FuzzPhone::Fail(FuzzInput& in) {
     const auto function = static_cast<fakeusb::Function>(in.U8() % 16);
-    const int code = -(in.U8() % 13 + 1);
-    fakeusb::Failures::Fail(function, code == -13 ? LIBUSB_ERROR_OTHER : code, in.U8() % 16);
+    const int code = in.U8() % 13 + 1;
+    fakeusb::Failures::Fail(function, code == 13 ? LIBUSB_ERROR_OTHER : -code, in.U8() % 16);
 }
 
-// 0 clears; bit 15 asks for an hour and more; else milliseconds.
+// 0 clears; bit 15 asks for about an hour per unit; else milliseconds.
 void FuzzPhone::SetTimeout(FuzzInput& in) {
     const uint16_t ms = in.U16();
     if (ms == 0) {
         fakeusb::Events::ClearNextTimeout();
-    } else if (ms & 0x8000) {
-        fakeusb::Events::SetNextTimeout(static_cast<long>(ms) * 100000, 0);
     } else {
-        fakeusb::Events::SetNextTimeout(ms / 1000, ms % 1000 * 1000);
+        fakeusb::Events::SetNextTimeout(ms & 0x8000 ? ms * 3600L : ms / 1000, ms & 0x8000 ? 0 : ms % 1000 * 1000);
     }
 }
 
 // The chunk the plug-in took for the phone's handshake is the latest: while
-// it waits for one, it has a single read out.
+// it waits for one it has a single read out.
 void FuzzPhone::Match() {
-    if (Matched()) {
-        return;
+    if (!Matched()) {
+        Check(lastChunk >= 0 && sent.size() - static_cast<size_t>(lastChunk) >= kDeviceHandshake.size() &&
+                  std::equal(kDeviceHandshake.begin(), kDeviceHandshake.end(), sent.begin() + lastChunk),
+              "the host answers, and hands bytes to the toolkit, only after the phone's handshake");
+        streamStart = lastChunk + static_cast<long>(kDeviceHandshake.size());
+        read = static_cast<size_t>(streamStart);
     }
-    Check(lastChunk >= 0 && sent.size() - static_cast<size_t>(lastChunk) >= kDeviceHandshake.size() &&
-              std::equal(kDeviceHandshake.begin(), kDeviceHandshake.end(), sent.begin() + lastChunk),
-          "the host answered, or handed bytes to the toolkit, before the phone's handshake");
-    streamStart = lastChunk + static_cast<long>(kDeviceHandshake.size());
-    read = static_cast<size_t>(streamStart);
 }
 
 void FuzzPhone::Delivered(const uint8_t* bytes, uint32_t count) {
     Match();
     Check(read + count <= sent.size() && std::memcmp(bytes, sent.data() + read, count) == 0,
-          "the toolkit received bytes other than the phone sent after its handshake, in order, once");
+          "the toolkit receives the bytes the phone sent after its handshake, in order, once");
     read += count;
 }
 
@@ -212,24 +194,11 @@ std::vector<uint8_t> FuzzPhone::WriteBytes(uint32_t count) const {
     return bytes;
 }
 
-void FuzzPhone::Accepted(const std::vector<uint8_t>& bytes) { expected.insert(expected.end(), bytes.begin(), bytes.end()); }
-
 void FuzzPhone::OnSubmission(const Submission& s) {
-    if (s.IsControl()) {
-        return;
-    }
-    bulkSeen = true;
-    if (!s.IsIn()) {
+    bulkSeen = bulkSeen || !s.IsControl();
+    if (!s.IsControl() && !s.IsIn()) {
         Match();
         writes++;
         lastWrite = s.data;
-    }
-}
-
-void FuzzPhone::OnEventPass() {
-    if (++eventPasses > kPassesBeforeDeviceGives) {
-        for (const Submission& s : Transfers::InFlight()) {
-            Transfers::Complete(s.id, kNoDevice);
-        }
     }
 }

@@ -3,47 +3,76 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
-
-#include "fuzz/Check.h"
 
 namespace {
 
 constexpr uint32_t kUntouched = 0xA5A5A5A5;
 
 int LowestFreeDescriptor() {
-    int fd = fcntl(2, F_DUPFD, 0);
+    const int fd = fcntl(2, F_DUPFD, 0);
     close(fd);
     return fd;
 }
+
+int Code(int code) {
+    Check(code == 0 || code == 8 || code == 11 || code == 17 || code == 19, "result codes are 0, 8, 11, 17 or 19");
+    return code;
+}
+
+FuzzToolkit* From(void* context) { return static_cast<FuzzToolkit*>(context); }
 
 } // namespace
 
 FuzzToolkit::FuzzToolkit(FuzzPhone& phone, std::map<std::string, std::string> fields, bool connectionLog)
     : phone(phone), fields(std::move(fields)), lowestFreeDescriptor(LowestFreeDescriptor()) {
-    KestoBearerSupportAPI support{AllocString, FreeString, Log, GetConnectionParameter, SetConnectionStatus,
-                                  SetTimer, nullptr, nullptr, connectionLog ? Log : nullptr};
+    // KESTO_FUZZ_TRACE=1 prints the plug-in's log, to follow one input's story.
+    static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
+    KestoBearerLogFn log = [](void*, const char* text) {
+        Check(std::strlen(text) <= 255, "a log line is at most 255 characters");
+        if (trace) {
+            std::fprintf(stderr, "plug-in: %s\n", text);
+        }
+    };
+    KestoBearerSupportAPI support{
+        [](void*, size_t size) { return static_cast<char*>(std::malloc(size)); },
+        [](void* context, char* text) {
+            Check(From(context)->parameters.erase(text) == 1, "freeString gets back only fields handed out, once");
+            std::free(text);
+        },
+        log,
+        [](void* context, const char* name, unsigned char, int*) -> char* {
+            auto it = From(context)->fields.find(name);
+            if (it == From(context)->fields.end()) {
+                return nullptr;
+            }
+            return *From(context)->parameters.insert(strdup(it->second.c_str())).first;
+        },
+        [](void* context, int status) {
+            FuzzToolkit* self = From(context);
+            Check((status == 3 && self->lastStatus == 0) || (status == 4 && self->lastStatus == 3 && self->phone.Matched()),
+                  "connecting is reported once, then connected once, after the handshake");
+            self->lastStatus = status;
+            return 0;
+        },
+        [](void* context, int delayMs) {
+            Check(delayMs >= 1, "a timer is at least 1 ms");
+            From(context)->timerAsked = true;
+            return 0;
+        },
+        nullptr, nullptr, connectionLog ? log : nullptr};
     bearer = KestoBearerInitialize("USBAAP", this, &api, sizeof api, &support, sizeof support);
-    Check(bearer != nullptr && api.bearerCreateConnection(bearer, this, &connection) == 0 && connection != nullptr,
-          "the bearer and a connection can be had");
+    Check(bearer != nullptr && api.bearerCreateConnection(bearer, this, &connection) == 0, "a connection can be had");
 }
 
 FuzzToolkit::~FuzzToolkit() {
     Destroy();
     api.bearerTerminate(bearer);
-    Check(buffers.empty(), "a property string not handed to the toolkit");
 }
 
-int FuzzToolkit::Code(int code) {
-    Check(code == 0 || code == 8 || code == 11 || code == 17 || code == 19, "result codes are 0, 8, 11, 17 or 19");
-    return code;
-}
-
-// Once the connection has failed for good it says so on every call: after a
-// failed establish, and in every state but the search for the switched phone.
+// Once failed for good, a connection says so on every call: after a failed
+// establish, and in every state but the search for the switched phone.
 int FuzzToolkit::Reported(int code) {
     Code(code);
     if (failure != 0) {
@@ -56,13 +85,12 @@ int FuzzToolkit::Reported(int code) {
 
 void FuzzToolkit::Establish() {
     phone.CallBegins();
-    const bool first = !establishCalled;
     const int code = Code(api.connectionEstablish(connection));
-    establishCalled = true;
     Check(code != 0 || lastStatus == 3, "an establish under way has reported connecting");
-    if (first && code != 0) {
+    if (!establishCalled && code != 0) {
         failure = code;
     }
+    establishCalled = true;
 }
 
 void FuzzToolkit::GetActivity() {
@@ -70,16 +98,18 @@ void FuzzToolkit::GetActivity() {
     uint32_t mask = kUntouched;
     const int before = failure;
     if (Reported(api.connectionGetActivity(connection, &mask)) != 0) {
-        // Cleared first when the error comes up during the call.
-        Check(mask == kUntouched || (before == 0 && mask == 0), "a GetActivity that reports a stored error leaves the mask alone");
+        // Cleared first when the error comes up during this call.
+        Check(mask == kUntouched || (before == 0 && mask == 0), "reporting a stored error leaves the mask alone");
     } else {
         Check((mask & ~3u) == 0, "the mask holds only the readable and writable bits");
     }
 }
 
 void FuzzToolkit::TimerExpired() {
-    phone.CallBegins();
-    Reported(api.connectionTimerExpired(connection));
+    if (timerAsked) {
+        phone.CallBegins();
+        Reported(api.connectionTimerExpired(connection));
+    }
 }
 
 void FuzzToolkit::Read(uint32_t capacity) {
@@ -89,11 +119,9 @@ void FuzzToolkit::Read(uint32_t capacity) {
     const int code = Code(api.connectionRead(connection, buffer.data(), &length));
     if (code == 19) {
         Check(length > capacity, "19 only for a block larger than the buffer");
-    } else if (code == 0) {
+    } else if (code == 0 && length > 0) {
         Check(length <= capacity, "a read delivers no more than the buffer holds");
-        if (length > 0) {
-            phone.Delivered(buffer.data(), length);
-        }
+        phone.Delivered(buffer.data(), length);
     } else {
         Check(length == 0, "a read that delivers bytes returns 0");
     }
@@ -107,12 +135,12 @@ void FuzzToolkit::Write(uint32_t length) {
     const int writes = phone.Writes();
     uint32_t taken = length;
     const int code = Code(api.connectionWrite(connection, bytes.data(), &taken));
-    const bool submitted = phone.Writes() > writes;
-    if (code == 0 && taken == length && (length > 0 || submitted)) {
-        Check(submitted && phone.LastWrite() == bytes, "a write that returns 0 with its length has sent the bytes");
+    const bool sent = phone.Writes() > writes;
+    if (code == 0 && taken == length && (length > 0 || sent)) {
+        Check(sent && phone.LastWrite() == bytes, "a write that returns 0 with its length has sent the bytes");
         phone.Accepted(bytes);
     } else {
-        Check(taken == 0 && !submitted, "a write not taken sets the length to 0 and sends nothing");
+        Check(taken == 0 && !sent, "a write not taken sets the length to 0 and sends nothing");
     }
     Check(failure == 0 || code == failure, "after a failure, a write returns the error");
 }
@@ -130,79 +158,15 @@ void FuzzToolkit::GetEventHandle(bool extra) {
     }
 }
 
-void FuzzToolkit::Property(uint8_t which) {
-    phone.CallBegins();
-    const int number = (which & 0x7F) - 8;
-    char* text = which & 0x80 ? api.bearerGetProperty(bearer, number) : api.connectionGetProperty(connection, number);
-    if (text != nullptr) {
-        auto it = buffers.find(text);
-        Check(it != buffers.end() && strnlen(text, it->second) < it->second, "a property is a terminated allocString buffer");
-        buffers.erase(it);
-        std::free(text);
-    }
-}
-
 void FuzzToolkit::Destroy() {
-    if (connection == nullptr) {
-        return;
+    if (connection != nullptr) {
+        phone.CallBegins();
+        api.connectionDestroy(connection);
+        connection = nullptr;
+        Check(fakeusb::Outstanding::Now() == fakeusb::Outstanding{},
+              "destroy gives back every transfer, handle, context, device reference, list and configuration descriptor");
+        Check(parameters.empty(), "every command-string field is handed back");
+        Check(eventHandle < 0 || fcntl(eventHandle, F_GETFD) == -1, "destroy closes the event handle");
+        Check(LowestFreeDescriptor() == lowestFreeDescriptor, "destroy closes every descriptor");
     }
-    phone.CallBegins();
-    api.connectionDestroy(connection);
-    connection = nullptr;
-    Check(fakeusb::Outstanding::Now() == fakeusb::Outstanding{},
-          "destroy gives back every transfer, handle, context, device reference, list and configuration descriptor");
-    Check(parameters.empty(), "every command-string field is handed back");
-    Check(eventHandle < 0 || fcntl(eventHandle, F_GETFD) == -1, "destroy closes the event handle");
-    Check(LowestFreeDescriptor() == lowestFreeDescriptor, "destroy closes every descriptor");
-}
-
-FuzzToolkit* FuzzToolkit::From(void* context) { return static_cast<FuzzToolkit*>(context); }
-
-char* FuzzToolkit::AllocString(void* context, size_t size) {
-    FuzzToolkit* self = From(context);
-    if (self->failAllocations) {
-        return nullptr;
-    }
-    char* buffer = static_cast<char*>(std::malloc(size));
-    std::memset(buffer, 'x', size);
-    self->buffers[buffer] = size;
-    return buffer;
-}
-
-void FuzzToolkit::FreeString(void* context, char* text) {
-    Check(From(context)->parameters.erase(text) == 1, "freeString gets back only the fields handed out, once");
-    std::free(text);
-}
-
-// KESTO_FUZZ_TRACE=1 prints the plug-in's log, to follow one input's story.
-void FuzzToolkit::Log(void*, const char* text) {
-    static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
-    Check(std::strlen(text) <= 255, "a log line is at most 255 characters");
-    if (trace) {
-        std::fprintf(stderr, "plug-in: %s\n", text);
-    }
-}
-
-char* FuzzToolkit::GetConnectionParameter(void* context, const char* name, unsigned char, int*) {
-    FuzzToolkit* self = From(context);
-    auto it = self->fields.find(name);
-    if (it == self->fields.end()) {
-        return nullptr;
-    }
-    char* text = strndup(it->second.c_str(), it->second.size());
-    self->parameters.insert(text);
-    return text;
-}
-
-int FuzzToolkit::SetConnectionStatus(void* context, int status) {
-    FuzzToolkit* self = From(context);
-    Check((status == 3 && self->lastStatus == 0) || (status == 4 && self->lastStatus == 3 && self->phone.Matched()),
-          "connecting is reported once, then connected once after the handshake");
-    self->lastStatus = status;
-    return 0;
-}
-
-int FuzzToolkit::SetTimer(void*, int delayMs) {
-    Check(delayMs >= 1, "a timer is at least 1 ms");
-    return 0;
 }

@@ -25,13 +25,12 @@ def header(no_connection_log=False, **fields):
     return out + b"".join(text(fields[k]) for k in FIELDS if k in fields)
 
 
-establish, activity, timer, destroy, alloc_toggle = b"\x00", b"\x01", b"\x02", b"\x0d", b"\x0c"
+establish, activity, timer, destroy = b"\x00", b"\x01", b"\x02", b"\x0d"
 
 
 def read(capacity): return b"\x03" + u16(capacity)
 def write(length): return b"\x04" + u16(length)
 def event_handle(extra=1): return b"\x05" + bytes([extra])
-def prop(number, bearer=False): return b"\x06" + bytes([(0x80 if bearer else 0) | (number + 8)])
 def fail(function, error=1, skip=0): return b"\x08" + bytes([function, error, skip])
 def unplug(pick=0): return b"\x0a" + bytes([pick])
 def next_timeout(ms): return b"\x0b" + u16(ms)
@@ -88,7 +87,7 @@ def handshake_and_connect(extra=0):
 SEEDS = {
     "road": header(bus="1", dev="5") + plug(ANDROID, 1, 5, SERIAL) + switch() + comes_back()
     + handshake_and_connect(40) + read(100) + write(300) + phone_takes() + activity + activity
-    + event_handle() + prop(2) + prop(3) + prop(1, bearer=True) + destroy,
+    + event_handle() + event_handle(0) + destroy,
     "switch-retries": header(bus="1", dev="5", manufacturer="Acme", uri="x")
     + plug(ANDROID, 1, 5, SERIAL) + establish + control(ERROR) + activity
     + control(reply=b"\x01\x00") + activity + control(ERROR) + activity
