@@ -168,16 +168,6 @@ TEST_P(EventHandle, RefusesADescriptorItCannotWatch) {
     EXPECT_TRUE(Readable(Handle(), kWaitMs));
 }
 
-TEST_P(EventHandle, ManyStartsAndStopsLeaveNoDescriptorBehind) {
-    int before = OpenDescriptors();
-    for (int i = 0; i < 200; ++i) {
-        std::unique_ptr<FDCompositor> another(GetParam().make());
-        ASSERT_EQ(another->Start(), 0);
-        another->AddFd(usb.ReadEnd(), true, false);
-    }
-    EXPECT_EQ(OpenDescriptors(), before);
-}
-
 INSTANTIATE_TEST_SUITE_P(Kinds, EventHandle,
                          ::testing::Values(Kind{"Thread", MakeThread}
 #if KESTO_HAVE_EPOLL

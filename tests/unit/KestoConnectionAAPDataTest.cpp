@@ -109,9 +109,7 @@ TEST_F(AccessoryConnection, HandshakeWriteThatFailsFailsTheConnection) {
 
 TEST_F(AccessoryConnection, SecondWriteWaitsForTheFirst) {
     ToolkitConnection& connection = Connected();
-    const Toolkit::Transfer first = toolkit.Write(connection, Text("first"));
-    EXPECT_EQ(KestoBearerErrorNone, first.result);
-    EXPECT_EQ(5u, first.length);
+    ASSERT_EQ(5u, toolkit.Write(connection, Text("first")).length);
     const Toolkit::Transfer second = toolkit.Write(connection, Text("second"));
     EXPECT_EQ(KestoBearerErrorNone, second.result);
     EXPECT_EQ(0u, second.length);
@@ -121,7 +119,6 @@ TEST_F(AccessoryConnection, SecondWriteWaitsForTheFirst) {
     ASSERT_TRUE(Transfers::CompleteOldest(kOut));
     Settle();
     EXPECT_EQ(unsigned(KestoBearerActivityWritable), connection.Activity());
-    EXPECT_EQ(Text("first"), Submitted(kOut).back().data);
 }
 
 // A dead link is reported to a toolkit that only asks, and the flags are
