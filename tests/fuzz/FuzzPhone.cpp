@@ -109,27 +109,27 @@ void FuzzPhone::Answer(FuzzInput& in) {
 }
 
 // mode 1: the chunk begins with the phone's handshake; mode 2: then up to 32
-// bytes from the input, else a pattern of the given length. A device fills
+// bytes from the input, else a pattern up to the given length. A device fills
 // an endpoint's reads in the order they were queued.
 void FuzzPhone::Send(FuzzInput& in) {
     const int status = Status(in);
     const uint8_t mode = in.U8();
     std::vector<uint8_t> chunk = mode & 1 ? kDeviceHandshake : std::vector<uint8_t>{};
-    if (mode & 2) {
-        const std::vector<uint8_t> literal = in.Bytes(in.U8() % 33);
-        chunk.insert(chunk.end(), literal.begin(), literal.end());
-    } else {
-        for (size_t n = in.U16(); n > 0; n--) {
-            chunk.push_back(PhoneByte(sent.size() + chunk.size()));
-        }
+    const std::vector<uint8_t> literal = mode & 2 ? in.Bytes(in.U8() % 33) : std::vector<uint8_t>{};
+    const size_t length = mode & 2 ? 0 : in.U16();
+    std::optional<Submission> s = Oldest(false, true);
+    if (!s) {
+        return;
     }
-    if (std::optional<Submission> s = Oldest(false, true)) {
-        chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
-        Transfers::Complete(s->id, status, chunk);
-        if (!chunk.empty()) {
-            lastChunk = static_cast<long>(sent.size());
-            sent.insert(sent.end(), chunk.begin(), chunk.end());
-        }
+    chunk.insert(chunk.end(), literal.begin(), literal.end());
+    while (chunk.size() < std::min<size_t>(length, static_cast<size_t>(s->length))) {
+        chunk.push_back(PhoneByte(sent.size() + chunk.size()));
+    }
+    chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
+    Transfers::Complete(s->id, status, chunk);
+    if (!chunk.empty()) {
+        lastChunk = static_cast<long>(sent.size());
+        sent.insert(sent.end(), chunk.begin(), chunk.end());
     }
 }
 

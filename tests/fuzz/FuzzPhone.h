@@ -27,7 +27,7 @@ public:
     void Fail(FuzzInput& in);
     void SetTimeout(FuzzInput& in);
 
-    // A toolkit call begins.
+    // The next action begins.
     void CallBegins() { eventPasses = 0; }
     // The toolkit read these: the next bytes the phone sent after its handshake.
     void Delivered(const uint8_t* bytes, uint32_t count);

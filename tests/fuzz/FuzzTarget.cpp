@@ -12,7 +12,7 @@
 //     9 Plug kind:u8 bus:u8 address:u8 serial:text and what kind's flags ask for (FuzzPhone.cpp)
 //     10 Unplug pick:u8   11 NextTimeout ms:u16   12 (unused)   13 Destroy
 //     14 Send status:u8 mode:u8 (1 handshake first, 2 literal), then n:u8 and n%33 bytes
-//        or length:u16 of pattern: the phone ends the oldest read
+//        or the chunk's length:u16, made up with a pattern: the phone ends the oldest read
 //     15 Take status:u8 partial:u16 (bit 15: only that many bytes taken): the phone ends the write
 //   Statuses, modulo 6: completed, error, timed out, stall, no device, overflow.
 // The connection is destroyed at the end in any case, then the bearer terminated.
@@ -36,6 +36,7 @@ void Act(FuzzInput& in, FuzzToolkit& toolkit, FuzzPhone& phone) {
     if (trace) {
         std::fprintf(stderr, "action %d\n", action);
     }
+    phone.CallBegins();
     switch (action) {
     case 0: toolkit.Establish(); break;
     case 1: toolkit.GetActivity(); break;

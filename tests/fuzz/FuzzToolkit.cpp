@@ -84,17 +84,13 @@ int FuzzToolkit::Reported(int code) {
 }
 
 void FuzzToolkit::Establish() {
-    phone.CallBegins();
     const int code = Code(api.connectionEstablish(connection));
     Check(code != 0 || lastStatus == 3, "an establish under way has reported connecting");
-    if (!establishCalled && code != 0) {
-        failure = code;
-    }
+    failure = establishCalled || failure != 0 ? failure : code; // a second establish fails alone
     establishCalled = true;
 }
 
 void FuzzToolkit::GetActivity() {
-    phone.CallBegins();
     uint32_t mask = kUntouched;
     const int before = failure;
     if (Reported(api.connectionGetActivity(connection, &mask)) != 0) {
@@ -107,13 +103,11 @@ void FuzzToolkit::GetActivity() {
 
 void FuzzToolkit::TimerExpired() {
     if (timerAsked) {
-        phone.CallBegins();
-        Reported(api.connectionTimerExpired(connection));
+            Reported(api.connectionTimerExpired(connection));
     }
 }
 
 void FuzzToolkit::Read(uint32_t capacity) {
-    phone.CallBegins();
     std::vector<uint8_t> buffer(capacity);
     uint32_t length = capacity;
     const int code = Code(api.connectionRead(connection, buffer.data(), &length));
@@ -130,7 +124,6 @@ void FuzzToolkit::Read(uint32_t capacity) {
 }
 
 void FuzzToolkit::Write(uint32_t length) {
-    phone.CallBegins();
     const std::vector<uint8_t> bytes = phone.WriteBytes(length);
     const int writes = phone.Writes();
     uint32_t taken = length;
@@ -146,7 +139,6 @@ void FuzzToolkit::Write(uint32_t length) {
 }
 
 void FuzzToolkit::GetEventHandle(bool extra) {
-    phone.CallBegins();
     int handle = -2;
     intptr_t word = 1;
     Reported(api.connectionGetEventHandle(connection, &handle, extra ? &word : nullptr));
