@@ -715,6 +715,10 @@ void KestoConnectionAAP::OnReadComplete(int status) {
     case LIBUSB_TRANSFER_OVERFLOW:
         Log("Error in read completion status %d", status);
         Keep(KestoBearerErrorFailed);
+        if (state != kStateConnected) {
+            // Bytes a failed handshake read brought are not the phone's application data.
+            transport->DiscardReadData();
+        }
         return;
     case LIBUSB_TRANSFER_TIMED_OUT:
         if (transport->PeekReadLength() != 0) {
@@ -732,6 +736,11 @@ void KestoConnectionAAP::OnReadComplete(int status) {
         return;
     case LIBUSB_TRANSFER_CANCELLED:
         Log("Pending read cancelled");
+        // Only Close cancels; a read that libusb ended so unasked in the data
+        // phase is submitted again, or the link would fall silent.
+        if (state == kStateConnected && transport->PeekReadLength() == 0) {
+            ResumeReads();
+        }
         break;
     default:
         break;
@@ -756,6 +765,12 @@ void KestoConnectionAAP::OnReadComplete(int status) {
 
 void KestoConnectionAAP::OnWriteComplete(int status) {
     switch (status) {
+    case LIBUSB_TRANSFER_CANCELLED:
+        if (state == kStateClosing) {
+            break;
+        }
+        // Only Close cancels: a write that libusb ended so unasked lost bytes the toolkit gave.
+        [[fallthrough]];
     case LIBUSB_TRANSFER_ERROR:
     case LIBUSB_TRANSFER_TIMED_OUT:
     case LIBUSB_TRANSFER_STALL:

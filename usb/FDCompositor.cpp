@@ -33,18 +33,21 @@ void FDCompositor::ShutdownHook() {}
 
 bool FDCompositor::ManagesTimeouts() { return false; }
 
-void FDCompositor::AttachToContext() {
+int FDCompositor::AttachToContext() {
     libusb_context* context = owner->GetContext();
     libusb_set_pollfd_notifiers(context, Added, Removed, this);
     const libusb_pollfd** fds = libusb_get_pollfds(context);
     if (fds == nullptr) {
-        return;
+        // Out of memory: libusb's descriptors would never be watched, and the
+        // toolkit never woken.
+        return LIBUSB_ERROR_NO_MEM;
     }
     for (const libusb_pollfd** entry = fds; *entry != nullptr; ++entry) {
         Added((*entry)->fd, (*entry)->events, this);
     }
     // Released with free(): libusb_free_pollfds is missing from older libusb builds.
     std::free(fds);
+    return 0;
 }
 
 void FDCompositor::Added(int fd, short events, void* userData) {

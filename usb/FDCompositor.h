@@ -53,7 +53,8 @@ public:
 
     // Installs libusb's pollfd notifiers on the owner's context and adds the
     // descriptors libusb already has. Called once, after the context exists.
-    void AttachToContext();
+    // Returns 0, or LIBUSB_ERROR_NO_MEM when libusb cannot list them.
+    int AttachToContext();
 
 protected:
     LibUSBBearerConnection* owner;

@@ -93,7 +93,10 @@ int LibUSBBearerConnection::Initialise() {
         Log("Could not allocate transfer for control transfers");
         return LIBUSB_ERROR_NO_MEM;
     }
-    compositor->AttachToContext();
+    if (compositor->AttachToContext() != 0) {
+        Log("Could not list libusb's descriptors");
+        return LIBUSB_ERROR_NO_MEM;
+    }
     return 0;
 }
 
