@@ -6,7 +6,7 @@
 //                bus dev interface altsetting manufacturer model desc version uri serial
 //   then actions until the input ends, each op:u8 (modulo 16) and its operands:
 //     0 Establish   1 GetActivity   2 TimerExpired   3 Read capacity:u16   4 Write length:u16
-//     5 GetEventHandle extra:u8   6 (unused)
+//     5 GetEventHandle extra:u8   6 Property which:u8 (bit 7 the bearer's, number = low bits - 8)
 //     7 Answer status:u8 n:u8 and n%3 reply bytes: the phone ends the control transfer
 //     8 Fail function:u8 error:u8 skip:u8: a libusb call fails (fakeusb::Function)
 //     9 Plug kind:u8 bus:u8 address:u8 serial:text and what kind's flags ask for (FuzzPhone.cpp)
@@ -14,7 +14,7 @@
 //     14 Send status:u8 mode:u8 (1 handshake first, 2 literal), then n:u8 and n%33 bytes
 //        or the chunk's length:u16, made up with a pattern: the phone ends the oldest read
 //     15 Take status:u8 partial:u16 (bit 15: only that many bytes taken): the phone ends the write
-//   Statuses, modulo 6: completed, error, timed out, stall, no device, overflow.
+//   Statuses, modulo 7, are libusb's: completed, error, timed out, cancelled, stall, no device, overflow.
 // The connection is destroyed at the end in any case, then the bearer terminated.
 // KESTO_FUZZ_TRACE=1 prints each action's number and the plug-in's log.
 
@@ -44,6 +44,7 @@ void Act(FuzzInput& in, FuzzToolkit& toolkit, FuzzPhone& phone) {
     case 3: toolkit.Read(in.U16()); break;
     case 4: toolkit.Write(in.U16()); break;
     case 5: toolkit.GetEventHandle(in.U8() & 1); break;
+    case 6: toolkit.Property(in.U8()); break;
     case 7: phone.Answer(in); break;
     case 8: phone.Fail(in); break;
     case 9: phone.Plug(in); break;

@@ -150,6 +150,14 @@ void FuzzToolkit::GetEventHandle(bool extra) {
     }
 }
 
+void FuzzToolkit::Property(uint8_t which) {
+    const int number = (which & 0x7F) - 8;
+    if (char* text = which & 0x80 ? api.bearerGetProperty(bearer, number) : api.connectionGetProperty(connection, number)) {
+        Check(std::strlen(text) < 64, "a property is a short text"); // ASan: within its allocString buffer
+        std::free(text);
+    }
+}
+
 void FuzzToolkit::Destroy() {
     if (connection != nullptr) {
         phone.CallBegins();

@@ -27,6 +27,8 @@ public:
     void Read(uint32_t capacity);
     void Write(uint32_t length);
     void GetEventHandle(bool extra);
+    // Bit 7: the bearer's; the number is the low bits less 8.
+    void Property(uint8_t which);
     void Destroy();
 
 private:

@@ -7,7 +7,13 @@ import struct
 FIELDS = ["bus", "dev", "interface", "altsetting", "manufacturer", "model", "desc", "version", "uri", "serial"]
 COMPLETED, ERROR, TIMED_OUT, CANCELLED, STALL, NO_DEVICE, OVERFLOW = range(7)
 ANDROID, ACCESSORY, ACCESSORY_ALONE = 0, 1, 2
-SERIAL_UNREADABLE, INTERFACES = 4, 64
+SERIAL_UNREADABLE, CONFIGURATION, INTERFACES = 4, 16, 64
+# fakeusb::Function, in its order
+(INIT, GET_DEVICE_LIST, GET_DEVICE_DESCRIPTOR, GET_CONFIG_DESCRIPTOR, GET_MAX_PACKET_SIZE, OPEN, GET_CONFIGURATION,
+ SET_CONFIGURATION, KERNEL_DRIVER_ACTIVE, DETACH_KERNEL_DRIVER, CLAIM_INTERFACE, ALLOC_TRANSFER, SUBMIT_TRANSFER,
+ CANCEL_TRANSFER, GET_NEXT_TIMEOUT, HANDLE_EVENTS) = range(16)
+# libusb errors as fail() takes them: -1 to -12 are 0 to 11
+IO, NO_DEVICE_ERROR, NOT_SUPPORTED = 0, 3, 11
 
 
 def u16(v):
@@ -31,13 +37,18 @@ establish, activity, timer, destroy = b"\x00", b"\x01", b"\x02", b"\x0d"
 def read(capacity): return b"\x03" + u16(capacity)
 def write(length): return b"\x04" + u16(length)
 def event_handle(extra=1): return b"\x05" + bytes([extra])
+def prop(number, bearer=False): return b"\x06" + bytes([(0x80 if bearer else 0) | (number + 8)])
 def fail(function, error=1, skip=0): return b"\x08" + bytes([function, error, skip])
 def unplug(pick=0): return b"\x0a" + bytes([pick])
 def next_timeout(ms): return b"\x0b" + u16(ms)
 
 
-def plug(kind, bus, address, serial, interfaces=None):
-    out = b"\x09" + bytes([kind | (INTERFACES if interfaces is not None else 0), bus, address]) + text(serial)
+def plug(kind, bus, address, serial, interfaces=None, configuration=None):
+    """configuration: (value, kernel driver: 0 none, 1 active, 2 status not supported, 3 an error)"""
+    kind |= (INTERFACES if interfaces is not None else 0) | (CONFIGURATION if configuration else 0)
+    out = b"\x09" + bytes([kind, bus, address]) + text(serial)
+    if configuration:
+        out += bytes(configuration)
     if interfaces is not None:
         out += bytes([len(interfaces)])
         for alts in interfaces:
@@ -87,7 +98,7 @@ def handshake_and_connect(extra=0):
 SEEDS = {
     "road": header(bus="1", dev="5") + plug(ANDROID, 1, 5, SERIAL) + switch() + comes_back()
     + handshake_and_connect(40) + read(100) + write(300) + phone_takes() + activity + activity
-    + event_handle() + event_handle(0) + destroy,
+    + event_handle() + event_handle(0) + prop(2) + prop(0, bearer=True) + prop(3, bearer=True) + destroy,
     "switch-retries": header(bus="1", dev="5", manufacturer="Acme", uri="x")
     + plug(ANDROID, 1, 5, SERIAL) + establish + control(ERROR) + activity
     + control(reply=b"\x01\x00") + activity + control(ERROR) + activity
@@ -110,10 +121,24 @@ SEEDS = {
         [(0, 0, 0xFF, 0x42, 0x01, [(0x82, 512), (0x02, 512)])],
         [(1, 0, 0xFF, 0xFF, 0, [(0x01, 64)]), (1, 1, 0xFF, 0xFF, 0, [(0x01, 64), (0x81, 3)])],
     ]) + establish + activity + destroy,
-    "failures": header(bus="1", dev="5") + plug(ANDROID, 1, 5, SERIAL) + switch() + fail(5, 4, 1)
-    + comes_back(ticks=3) + fail(6, 4) + activity + timer + handshake_and_connect() + fail(12, 11) + write(512)
-    + phone_takes() + activity + phone_takes() + activity + phone_sends(7) + fail(13, 4) + destroy,
+    "handshake-read-error-with-bytes": header(bus="1", dev="5") + plug(ACCESSORY, 1, 5, "R58M40") + establish
+    + phone_sends(20, status=ERROR) + activity + read(100),
+    "failures": header(bus="1", dev="5") + plug(ANDROID, 1, 5, SERIAL) + switch() + fail(OPEN, IO, 1)
+    + comes_back(ticks=3) + activity + timer + handshake_and_connect() + fail(SUBMIT_TRANSFER, NOT_SUPPORTED)
+    + write(512) + phone_takes() + activity + phone_takes() + activity + phone_sends(7)
+    + fail(CANCEL_TRANSFER, NO_DEVICE_ERROR) + destroy,
+    "unconfigured-driver-bound": header(bus="1", dev="5") + plug(ACCESSORY, 1, 5, SERIAL, configuration=(0, 1))
+    + establish + handshake_and_connect() + destroy,
 }
+
+# An accessory whose set-up fails at one libusb call.
+for name, function, error, configuration in [("config-descriptor", GET_CONFIG_DESCRIPTOR, IO, None),
+                                             ("set-configuration", SET_CONFIGURATION, IO, (0, 0)),
+                                             ("packet-size", GET_MAX_PACKET_SIZE, IO, None),
+                                             ("kernel-driver", KERNEL_DRIVER_ACTIVE, IO, None),
+                                             ("detach", DETACH_KERNEL_DRIVER, IO, (1, 1))]:
+    SEEDS["setup-" + name] = header(bus="1", dev="5") + plug(ACCESSORY, 1, 5, SERIAL, configuration=configuration) \
+        + fail(function, error) + establish + activity + destroy
 
 if __name__ == "__main__":
     corpus = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
