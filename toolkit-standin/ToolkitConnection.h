@@ -72,7 +72,6 @@ public:
     int Failure() const { return failure_; }
     const char* FailedCall() const { return failedCall_; }
     bool TimerPending() const { return deadline_.has_value(); }
-    std::optional<Clock::time_point> TimerDeadline() const { return deadline_; }
 
 private:
     friend class Toolkit;
