@@ -16,7 +16,8 @@ constexpr uint32_t kInterest = EPOLLIN | EPOLLOUT | EPOLLPRI;
 
 } // namespace
 
-FDCompositorEpoll::FDCompositorEpoll(LibUSBBearerConnection* owner) : FDCompositor(owner), epollFd(-1) {}
+FDCompositorEpoll::FDCompositorEpoll(LibUSBBearerConnection* owner)
+    : FDCompositor(owner), epollFd(-1), completed(false) {}
 
 FDCompositorEpoll::~FDCompositorEpoll() {
     if (epollFd != -1) {
@@ -30,6 +31,8 @@ int FDCompositorEpoll::Start() {
 }
 
 int FDCompositorEpoll::GetEventHandle() { return epollFd; }
+
+void FDCompositorEpoll::ActivityHook() { completed = true; }
 
 void FDCompositorEpoll::Lock() {}
 
@@ -119,8 +122,16 @@ int FDCompositorEpoll::RemoveFd(int fd) {
 // second sighting in a row, not its first: a hang-up that arrived after
 // libusb polled is then certain to have been in front of libusb once, in the
 // pass between the two sightings, before the compositor stops watching it.
+//
+// A pass that completed a transfer skips the look, and the system call it
+// costs: it did work, so it was no spin, and a streaming link completes
+// something in nearly every pass. Skipping only delays parking: sightings
+// still come from passes after libusb has polled, and a toolkit woken by a
+// hang-up alone meets a pass without completions, where the look is taken.
 void FDCompositorEpoll::Rearm() {
-    if (epollFd == -1 || members.empty()) {
+    bool worked = completed;
+    completed = false;
+    if (worked || epollFd == -1 || members.empty()) {
         return;
     }
     epoll_event events[kBatch];

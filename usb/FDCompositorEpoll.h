@@ -11,7 +11,8 @@
 // epoll always reports hang-up and error, which select() did not. A member
 // that keeps reporting only those after libusb has handled its events would
 // keep the handle readable for good and the toolkit would spin; Rearm() takes
-// such a member out of the set until libusb removes or re-adds it.
+// such a member out of the set until libusb removes or re-adds it. It looks
+// only after a pass that completed no transfer: a pass that did was no spin.
 class FDCompositorEpoll : public FDCompositor {
 public:
     explicit FDCompositorEpoll(LibUSBBearerConnection* owner);
@@ -19,6 +20,7 @@ public:
 
     int GetEventHandle() override;
     void Rearm() override;
+    void ActivityHook() override;
     void Lock() override;
     void Unlock() override;
     int Start() override;
@@ -41,4 +43,6 @@ private:
 
     std::vector<Member> members;
     int epollFd;
+    // A transfer completed since the last Rearm.
+    bool completed;
 };
