@@ -254,7 +254,11 @@ int LibUSBBearerConnection::SubmitTransfer(libusb_transfer* transfer) {
     // libusb dereferences the handle: with no device open, refuse here instead.
     // A closing transport starts nothing that its drain would have to wait for.
     int result = handle != nullptr && !closing ? libusb_submit_transfer(transfer) : LIBUSB_ERROR_NO_DEVICE;
-    UpdateTimeout();
+    // A transfer without a time-out leaves libusb's next time-out as it was,
+    // and the toolkit's timer with it: the data path asks libusb nothing.
+    if (transfer->timeout != 0 || (compositor != nullptr && compositor->ManagesTimeouts())) {
+        UpdateTimeout();
+    }
     return result;
 }
 
