@@ -1,6 +1,6 @@
 #pragma once
 
-class FDCompositor;
+#include "usb/FDCompositor.h"
 
 // Scoped Lock()/Unlock() on a compositor that remembers whether it holds the
 // lock, so the transfer engine can drop it around submissions and observer
@@ -10,14 +10,29 @@ class FDCompositor;
 // A null compositor (a failed start-up) is allowed.
 class CompositorLock {
 public:
-    explicit CompositorLock(FDCompositor* compositor);
-    ~CompositorLock();
+    // Inline: a scope sits on every submission and completion.
+    explicit CompositorLock(FDCompositor* compositor) : compositor(compositor), held(false) { Acquire(); }
+    ~CompositorLock() {
+        if (held) {
+            Release();
+        }
+    }
 
     CompositorLock(const CompositorLock&) = delete;
     CompositorLock& operator=(const CompositorLock&) = delete;
 
-    void Acquire();
-    void Release();
+    void Acquire() {
+        if (compositor != nullptr) {
+            compositor->Lock();
+        }
+        held = true;
+    }
+    void Release() {
+        if (compositor != nullptr) {
+            compositor->Unlock();
+        }
+        held = false;
+    }
 
 private:
     FDCompositor* compositor;
