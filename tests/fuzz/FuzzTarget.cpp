@@ -1,10 +1,8 @@
 // libFuzzer's entry: one input is one story of a toolkit, one connection and
-// the phones on a fake bus. The input, byte by byte (u16 little-endian; text is
-// a length byte and its bytes; seeds.py writes inputs this way):
-//   flags:u8     bit 0: the toolkit gives no connection log
-//   fields:u16   bit i: field i is given and its text follows, in the order
-//                bus dev interface altsetting manufacturer model desc version uri serial
-//   then actions until the input ends, each op:u8 (modulo 16) and its operands:
+// the phones on a fake bus. The input (u16 little-endian; text a length byte
+// and its bytes; seeds.py writes inputs so): flags:u8 (bit 0: no connection
+// log), fields:u16 (bit i: field i's text follows; FuzzToolkit.cpp names them),
+// then actions until the input ends, each op:u8 (modulo 16) and its operands:
 //     0 Establish   1 GetActivity   2 TimerExpired   3 Read capacity:u16   4 Write length:u16
 //     5 GetEventHandle extra:u8   6 Property which:u8 (bit 7 the bearer's, number = low bits - 8)
 //     7 Answer status:u8 n:u8 and n%3 reply bytes: the phone ends the control transfer
@@ -18,17 +16,9 @@
 // The connection is destroyed at the end in any case, then the bearer terminated.
 // KESTO_FUZZ_TRACE=1 prints each action's number and the plug-in's log.
 
-#include <cstddef>
-#include <cstdint>
-#include <map>
-#include <string>
-
 #include "fuzz/FuzzToolkit.h"
 
 namespace {
-
-const char* const kFields[] = {"bus", "dev", "interface", "altsetting", "manufacturer",
-                               "model", "desc", "version", "uri", "serial"};
 
 void Act(FuzzInput& in, FuzzToolkit& toolkit, FuzzPhone& phone) {
     static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
@@ -63,16 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool aborting = (fakeusb::AbortOnMisuse(), true);
     (void)aborting;
     FuzzInput in(data, size);
-    const bool connectionLog = (in.U8() & 1) == 0;
-    const uint16_t given = in.U16();
-    std::map<std::string, std::string> fields;
-    for (int i = 0; i < 10; i++) {
-        if (given & 1 << i) {
-            fields[kFields[i]] = in.Text();
-        }
-    }
     FuzzPhone phone;
-    FuzzToolkit toolkit(phone, fields, connectionLog);
+    FuzzToolkit toolkit(phone, in);
     while (!in.Empty() && toolkit.Alive()) {
         Act(in, toolkit, phone);
     }

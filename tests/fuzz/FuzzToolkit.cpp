@@ -9,6 +9,8 @@
 namespace {
 
 constexpr uint32_t kUntouched = 0xA5A5A5A5;
+const char* const kFields[] = {"bus", "dev", "interface", "altsetting", "manufacturer",
+                               "model", "desc", "version", "uri", "serial"};
 
 int LowestFreeDescriptor() {
     const int fd = fcntl(2, F_DUPFD, 0);
@@ -25,8 +27,14 @@ FuzzToolkit* From(void* context) { return static_cast<FuzzToolkit*>(context); }
 
 } // namespace
 
-FuzzToolkit::FuzzToolkit(FuzzPhone& phone, std::map<std::string, std::string> fields, bool connectionLog)
-    : phone(phone), fields(std::move(fields)), lowestFreeDescriptor(LowestFreeDescriptor()) {
+FuzzToolkit::FuzzToolkit(FuzzPhone& phone, FuzzInput& in) : phone(phone), lowestFreeDescriptor(LowestFreeDescriptor()) {
+    const bool connectionLog = (in.U8() & 1) == 0;
+    const uint16_t given = in.U16();
+    for (int i = 0; i < 10; i++) {
+        if (given & 1 << i) {
+            fields[kFields[i]] = in.Text();
+        }
+    }
     // KESTO_FUZZ_TRACE=1 prints the plug-in's log, to follow one input's story.
     static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
     KestoBearerLogFn log = [](void*, const char* text) {
@@ -103,7 +111,7 @@ void FuzzToolkit::GetActivity() {
 
 void FuzzToolkit::TimerExpired() {
     if (timerAsked) {
-            Reported(api.connectionTimerExpired(connection));
+        Reported(api.connectionTimerExpired(connection));
     }
 }
 

@@ -8,13 +8,13 @@
 #include "fuzz/FuzzPhone.h"
 #include "kesto/KestoBearer.h"
 
-// The toolkit: loads the bearer through its entry point, creates one
-// connection, calls its slots as the input says and answers the support
-// calls. Every answer is checked as it comes; destroying the connection must
-// give back everything it held.
+// The toolkit: loads the bearer, creates one connection with the command
+// string the input gives, calls its slots as the input says and answers the
+// support calls. Every answer is checked as it comes; destroying the
+// connection must give back everything it held.
 class FuzzToolkit {
 public:
-    FuzzToolkit(FuzzPhone& phone, std::map<std::string, std::string> fields, bool connectionLog);
+    FuzzToolkit(FuzzPhone& phone, FuzzInput& in);
     ~FuzzToolkit();
     FuzzToolkit(const FuzzToolkit&) = delete;
     FuzzToolkit& operator=(const FuzzToolkit&) = delete;
