@@ -36,6 +36,7 @@ constexpr std::chrono::seconds kStall{60};
 struct Plan {
     bool plugin = true;
     bool receive = true;
+    bool highSpeed = false;
     size_t size = 16384;
     uint64_t warmUpBytes = 1 << 20;
     uint64_t bytes = 8 << 20;
@@ -51,6 +52,8 @@ bool Parse(int argc, char** argv, Plan& plan)
             plan.plugin = arg == "plugin";
         else if (arg == "receive" || arg == "send")
             plan.receive = arg == "receive";
+        else if (arg == "--high-speed")
+            plan.highSpeed = true;
         else if (arg == "--size" && more)
             plan.size = std::strtoull(argv[++i], nullptr, 10);
         else if (arg == "--bytes" && more)
@@ -97,7 +100,7 @@ int main(int argc, char** argv)
     Plan plan;
     if (!Parse(argc, argv, plan)) {
         std::fprintf(stderr,
-                     "usage: %s plugin|baseline receive|send [--size BYTES] [--bytes BYTES] [--warm-up BYTES] "
+                     "usage: %s plugin|baseline receive|send [--high-speed] [--size BYTES] [--bytes BYTES] [--warm-up BYTES] "
                      "[--plugin FILE]\n",
                      argv[0]);
         return 2;
@@ -109,7 +112,7 @@ int main(int argc, char** argv)
     emuphone::PhoneWorld world(emuphone::PhoneWorld::IoctlPath::Interposed);
     emuphone::PhoneOptions options;
     options.startInAccessoryMode = true;
-    options.link = emuphone::LinkModel::Instant();
+    options.link = plan.highSpeed ? emuphone::LinkModel::HighSpeed() : emuphone::LinkModel::Instant();
     options.application =
         plan.receive ? emuphone::PhoneOptions::Application::Source : emuphone::PhoneOptions::Application::Sink;
     options.sourceChunk = plan.size;
