@@ -12,8 +12,10 @@ class LibUSBBearerConnection;
 // of its own, which none does: there the transport's transfer state would
 // need Lock/Unlock, the hooks would wake that thread, and ManagesTimeouts
 // would take the toolkit's timer away. Here Lock/Unlock do nothing (the thread
-// compositor guards its own lists with a mutex of its own), the hooks do
-// nothing, and ManagesTimeouts is false.
+// compositor guards its own lists with a mutex of its own), ShutdownHook does
+// nothing, ManagesTimeouts is false, and ActivityHook (called at the start of
+// every transfer completion) only lets the epoll compositor know that a pass
+// did work.
 class FDCompositor {
 public:
     explicit FDCompositor(LibUSBBearerConnection* owner);
@@ -44,7 +46,7 @@ public:
     // Stops watching fd, every entry of it; an unknown fd is not an error.
     // Returns 0. Called from libusb's removed notifier, as AddFd is.
     virtual int RemoveFd(int fd) = 0;
-    // The seams (see above): no-ops here.
+    // The seams (see above).
     virtual void Lock() = 0;
     virtual void Unlock() = 0;
     virtual void ActivityHook();
