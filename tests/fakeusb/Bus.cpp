@@ -1,5 +1,7 @@
 #include "fakeusb/Bus.h"
 
+#include <unistd.h>
+
 #include "fakeusb/World.h"
 
 namespace fakeusb {
@@ -18,6 +20,12 @@ void Bus::Unplug(int id) {
     Locked([&](World& w) {
         PhysicalDevice* device = w.physical.at(id - 1).get();
         device->present = false;
+        for (auto& handle : w.handles) {
+            if (handle->device->physical == device && handle->fds[1] != -1) {
+                close(handle->fds[1]); // the device file hangs up
+                handle->fds[1] = -1;
+            }
+        }
         for (auto& [transfer, state] : w.transfers) {
             if (state.phase == TransferState::Phase::InFlight && state.handle->device->physical == device) {
                 w.Queue(transfer, state, Outcome{LIBUSB_TRANSFER_NO_DEVICE, 0, {}, 0});

@@ -18,6 +18,10 @@ void Events::SetHandleEventsHook(std::function<void()> hook) {
     Locked([&](World& w) { w.handleEventsHook = std::move(hook); });
 }
 
+void Events::AnnounceDeviceDescriptors() {
+    Locked([](World& w) { w.deviceDescriptors = true; });
+}
+
 int Events::QueuedCompletions() {
     return Locked([](World& w) {
         size_t queued = 0;

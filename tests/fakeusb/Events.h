@@ -22,6 +22,12 @@ public:
     // ending transfers whose cancellation was made to fail.
     static void SetHandleEventsHook(std::function<void()> hook);
 
+    // From now until Reset, every open handle also has a descriptor of its own,
+    // announced to the pollfd notifiers (POLLOUT) on libusb_open and removed on
+    // libusb_close, as Linux's libusb does with the device file. It is never
+    // ready, except that unplugging the device hangs it up.
+    static void AnnounceDeviceDescriptors();
+
     // Completions queued for delivery, over all contexts.
     static int QueuedCompletions();
 };

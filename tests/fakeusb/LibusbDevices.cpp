@@ -1,7 +1,10 @@
 // The libusb functions for enumeration, descriptors, device handles,
 // configuration and interfaces, answered from the fake bus.
 
+#include <fcntl.h>
 #include <libusb.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -190,20 +193,35 @@ int LIBUSB_CALL libusb_get_max_packet_size(libusb_device* dev, unsigned char end
 }
 
 int LIBUSB_CALL libusb_open(libusb_device* dev, libusb_device_handle** dev_handle) {
-    return Call("libusb_open", dev, "", Function::Open, [&](World& w) -> int {
+    libusb_pollfd_added_cb added = nullptr;
+    int result = Call("libusb_open", dev, "", Function::Open, [&](World& w) -> int {
         if (!dev->physical->present) {
             return LIBUSB_ERROR_NO_DEVICE;
         }
         w.handles.push_back(std::make_unique<libusb_device_handle>(libusb_device_handle{dev, true, {}}));
         dev->refs++;
         *dev_handle = w.handles.back().get();
+        if (w.deviceDescriptors && pipe2((*dev_handle)->fds, O_NONBLOCK | O_CLOEXEC) == 0) {
+            added = dev->context->added;
+        }
         return 0;
     });
+    if (added != nullptr) {
+        added((*dev_handle)->fds[0], POLLOUT, dev->context->notifierData);
+    }
+    return result;
 }
 
 void LIBUSB_CALL libusb_close(libusb_device_handle* dev_handle) {
     if (dev_handle == nullptr) {
         return;
+    }
+    // libusb takes the device file out of its event sources before closing it.
+    libusb_pollfd_removed_cb removed = Locked([&](World&) {
+        return dev_handle->open && dev_handle->fds[0] != -1 ? dev_handle->device->context->removed : nullptr;
+    });
+    if (removed != nullptr) {
+        removed(dev_handle->fds[0], dev_handle->device->context->notifierData);
     }
     Locked([&](World& w) {
         const std::string name = World::NameOf(dev_handle->device);
@@ -217,6 +235,12 @@ void LIBUSB_CALL libusb_close(libusb_device_handle* dev_handle) {
         }
         if (busy > 0) {
             w.Misuse(Format("libusb_close: %s closed with %d transfer(s) in flight", name.c_str(), busy));
+        }
+        for (int& fd : dev_handle->fds) {
+            if (fd != -1) {
+                close(fd);
+                fd = -1;
+            }
         }
         dev_handle->open = false;
         dev_handle->claimed.clear(); // closing the device file releases its interfaces

@@ -116,12 +116,14 @@ void LIBUSB_CALL libusb_set_debug(libusb_context* ctx, int level) {
     });
 }
 
-// Only removals are announced: the context's one descriptor is there from the
-// start, for libusb_get_pollfds to list.
-void LIBUSB_CALL libusb_set_pollfd_notifiers(libusb_context* ctx, libusb_pollfd_added_cb,
+// The context's one descriptor is there from the start, for libusb_get_pollfds
+// to list; only the device descriptors of Events::AnnounceDeviceDescriptors
+// come and go.
+void LIBUSB_CALL libusb_set_pollfd_notifiers(libusb_context* ctx, libusb_pollfd_added_cb added_cb,
                                              libusb_pollfd_removed_cb removed_cb, void* user_data) {
     Locked([&](World& w) {
         if (w.LiveContext(ctx, "libusb_set_pollfd_notifiers")) {
+            ctx->added = added_cb;
             ctx->removed = removed_cb;
             ctx->notifierData = user_data;
         }

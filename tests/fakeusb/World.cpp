@@ -131,6 +131,13 @@ void World::Clear() {
             close(context->writeFd);
         }
     }
+    for (auto& handle : handles) {
+        for (int fd : handle->fds) {
+            if (fd != -1) {
+                close(fd);
+            }
+        }
+    }
     for (auto& entry : transfers) {
         free(entry.first);
     }

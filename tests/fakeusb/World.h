@@ -82,6 +82,7 @@ struct World {
     std::function<void(const Submission&)> responder;
     std::function<void()> handleEventsHook;
     std::vector<std::string> calls;
+    bool deviceDescriptors = false;
 
     // Everything below runs with `mutex` held.
     void Misuse(const std::string& what);
@@ -130,6 +131,7 @@ struct libusb_context {
     int readFd = -1;
     int writeFd = -1;
     bool live = true;
+    libusb_pollfd_added_cb added = nullptr;
     libusb_pollfd_removed_cb removed = nullptr;
     void* notifierData = nullptr;
     std::deque<libusb_transfer*> completions;
@@ -146,4 +148,7 @@ struct libusb_device_handle {
     libusb_device* device;
     bool open = true;
     std::vector<int> claimed;
+    // The device file's stand-in, with Events::AnnounceDeviceDescriptors: a
+    // pipe whose write end closes when the device is unplugged.
+    int fds[2] = {-1, -1};
 };

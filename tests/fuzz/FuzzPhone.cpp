@@ -67,6 +67,7 @@ DeviceSpec ReadDevice(FuzzInput& in) {
 
 FuzzPhone::FuzzPhone() : expected(kHostHandshake) {
     fakeusb::Reset();
+    fakeusb::Events::AnnounceDeviceDescriptors();
     Transfers::SetResponder([this](const Submission& s) { OnSubmission(s); });
     fakeusb::Events::SetHandleEventsHook([this] {
         if (++eventPasses > kPassesBeforeDeviceGives) {
@@ -82,6 +83,7 @@ void FuzzPhone::Plug(FuzzInput& in) { plugged.push_back(fakeusb::Bus::Add(ReadDe
 void FuzzPhone::Unplug(FuzzInput& in) {
     const uint8_t pick = in.U8();
     if (!plugged.empty()) {
+        changes++;
         auto it = plugged.begin() + pick % plugged.size();
         fakeusb::Bus::Unplug(*it);
         plugged.erase(it);
@@ -102,6 +104,7 @@ void FuzzPhone::Answer(FuzzInput& in) {
     const int status = Status(in);
     const std::vector<uint8_t> reply = in.Bytes(in.U8() % 3);
     if (std::optional<Submission> s = Oldest(true, false)) {
+        changes++;
         Transfers::Complete(s->id, status, s->IsIn() ? reply : std::vector<uint8_t>{});
         switchAccepted = switchAccepted || (s->setup.request == 53 && status == LIBUSB_TRANSFER_COMPLETED);
     }
@@ -120,6 +123,7 @@ void FuzzPhone::Send(FuzzInput& in) {
     if (!s) {
         return;
     }
+    changes++;
     chunk.insert(chunk.end(), literal.begin(), literal.end());
     while (chunk.size() < std::min<size_t>(length, static_cast<size_t>(s->length))) {
         chunk.push_back(PhoneByte(sent.size() + chunk.size()));
@@ -138,6 +142,7 @@ void FuzzPhone::Take(FuzzInput& in) {
     const int status = Status(in);
     const uint16_t partial = in.U16();
     if (std::optional<Submission> s = Oldest(false, false)) {
+        changes++;
         const size_t length = s->data.size();
         const size_t taken = partial & 0x8000 ? (partial & 0x7FFF) % (length + 1)
                              : status == LIBUSB_TRANSFER_COMPLETED ? length : 0;

@@ -40,6 +40,8 @@ public:
     // After the phone accepted the switch and before it was found again, a
     // failed search is tried again rather than kept.
     bool Searching() const { return switchAccepted && !bulkSeen; }
+    // How often the phone has ended a transfer or been pulled out.
+    int Changes() const { return changes; }
     int Writes() const { return writes; }
     const std::vector<uint8_t>& LastWrite() const { return lastWrite; }
 
@@ -50,6 +52,7 @@ private:
 
     std::vector<int> plugged;
     int eventPasses = 0;
+    int changes = 0;
     bool switchAccepted = false;
     bool bulkSeen = false;
     // Bulk IN: every byte sent, where the latest chunk and the stream after

@@ -1,6 +1,7 @@
 #include "fuzz/FuzzToolkit.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -106,7 +107,15 @@ void FuzzToolkit::GetActivity() {
         Check(mask == kUntouched || (before == 0 && mask == 0), "reporting a stored error leaves the mask alone");
     } else {
         Check((mask & ~3u) == 0, "the mask holds only the readable and writable bits");
+        // A descriptor that hung up is seen twice, then no longer watched.
+        const bool idle = phone.Changes() == changesSeen && fakeusb::Events::QueuedCompletions() == 0;
+        idleCalls = idle ? idleCalls + 1 : 0;
+        int handle = -1;
+        api.connectionGetEventHandle(connection, &handle, nullptr);
+        pollfd ready{handle, POLLIN, 0};
+        Check(idleCalls < 2 || poll(&ready, 1, 0) == 0, "with nothing to do, the event handle goes quiet: no spinning");
     }
+    changesSeen = phone.Changes();
 }
 
 void FuzzToolkit::TimerExpired() {

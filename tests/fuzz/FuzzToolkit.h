@@ -46,5 +46,8 @@ private:
     int eventHandle = -1;
     int lowestFreeDescriptor;
     int lastStatus = 0;
+    // GetActivity calls in a row with the phone still and nothing for libusb to do.
+    int idleCalls = 0;
+    int changesSeen = -1;
     std::set<char*> parameters;
 };
