@@ -1,5 +1,7 @@
 #include "kesto-host/EchoCheck.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -23,15 +25,38 @@ uint8_t PatternByte(uint64_t offset) {
     return static_cast<uint8_t>(z >> ((offset & 7) * 8));
 }
 
+// The process's resident memory in kB and its open descriptors, as Linux's
+// /proc tells them; -1 where it does not.
+void ProcessUse(long& residentKb, int& descriptors) {
+    residentKb = -1;
+    descriptors = -1;
+    if (FILE* status = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, status) != nullptr) {
+            std::sscanf(line, "VmRSS: %ld kB", &residentKb);
+        }
+        std::fclose(status);
+    }
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        descriptors = -3; // not ".", ".." nor the directory's own
+        while (readdir(dir) != nullptr) {
+            ++descriptors;
+        }
+        closedir(dir);
+    }
+}
+
 double Milliseconds(std::chrono::steady_clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
 }
 
 } // namespace
 
-EchoCheck::EchoCheck(HostLog& log, uint64_t bulkBytes, int pings, size_t pingSize)
+EchoCheck::EchoCheck(HostLog& log, uint64_t bulkBytes, int pings, size_t pingSize, uint64_t seed,
+                     uint64_t progressBytes)
     : log_(log), bulkBytes_(bulkBytes), pings_(pings), pingSize_(pingSize),
-      pingBytes_(pingSize * static_cast<uint64_t>(pings)), readBuffer_(kReadBufferBytes),
+      pingBytes_(pingSize * static_cast<uint64_t>(pings)), randomSizes_(seed != 0), sizes_(seed),
+      progressBytes_(progressBytes), nextProgressAt_(progressBytes), readBuffer_(kReadBufferBytes),
       lastProgress_(Clock::now()) {}
 
 void EchoCheck::Serve(ToolkitSession& session, const std::vector<pollfd>&, uint32_t activity) {
@@ -39,6 +64,10 @@ void EchoCheck::Serve(ToolkitSession& session, const std::vector<pollfd>&, uint3
         // Connecting may have taken long; the stall clock starts with the stream.
         started_ = true;
         lastProgress_ = Clock::now();
+        streamStartedAt_ = lastProgress_;
+        if (progressBytes_ != 0) {
+            PrintProgress(0);
+        }
         if (Total() == 0) {
             Finish(0);
         }
@@ -95,12 +124,18 @@ bool EchoCheck::Verify(const uint8_t* data, size_t size) {
 
 void EchoCheck::NoteReturned(Clock::time_point now) {
     lastProgress_ = now;
+    for (; progressBytes_ != 0 && returned_ >= nextProgressAt_; nextProgressAt_ += progressBytes_) {
+        PrintProgress(nextProgressAt_);
+    }
     if (pingInFlight_ && returned_ == sent_) {
         pingInFlight_ = false;
         roundTripsMs_.push_back(Milliseconds(now - pingSentAt_));
         ++pingsDone_;
     }
     if (returned_ == Total()) {
+        if (progressBytes_ != 0 && Total() % progressBytes_ != 0) {
+            PrintProgress(Total());
+        }
         bulkEndedAt_ = now;
         Report();
         Finish(0);
@@ -120,7 +155,7 @@ void EchoCheck::Refill() {
         }
         return;
     }
-    while (toPhone_.Size() < kQueueAhead && generated_ < Total()) {
+    while (!randomSizes_ && toPhone_.Size() < kQueueAhead && generated_ < Total()) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(sizeof chunk, Total() - generated_));
         for (size_t i = 0; i < n; ++i) {
             chunk[i] = PatternByte(generated_ + i);
@@ -132,8 +167,11 @@ void EchoCheck::Refill() {
 
 bool EchoCheck::Send(ToolkitSession& session) {
     size_t taken = 0;
-    int rc = toPhone_.OfferTo(
-        [&session](const uint8_t* data, uint32_t& length) { return session.Write(data, length); }, &taken);
+    int rc = randomSizes_ && pingsDone_ == pings_
+                 ? OfferMessages(session, taken)
+                 : toPhone_.OfferTo(
+                       [&session](const uint8_t* data, uint32_t& length) { return session.Write(data, length); },
+                       &taken);
     if (rc != KestoBearerErrorNone) {
         session.ReportFailure("connectionWrite", rc);
         Finish(1);
@@ -153,6 +191,41 @@ bool EchoCheck::Send(ToolkitSession& session) {
     }
     sent_ += taken;
     return true;
+}
+
+int EchoCheck::OfferMessages(ToolkitSession& session, size_t& taken) {
+    // A quarter of the messages are whole packets (multiples of 512 bytes up to
+    // 64 KiB), the rest any length from 1 byte to 64 KiB.
+    std::uniform_int_distribution<size_t> anyLength(1, kLargestPing);
+    std::uniform_int_distribution<size_t> packets(1, kLargestPing / 512);
+    while (messageSent_ < message_.size() || generated_ < Total()) {
+        if (messageSent_ == message_.size()) {
+            const size_t wanted = sizes_() % 4 == 0 ? 512 * packets(sizes_) : anyLength(sizes_);
+            message_.resize(static_cast<size_t>(std::min<uint64_t>(wanted, Total() - generated_)));
+            for (uint8_t& byte : message_) {
+                byte = PatternByte(generated_++);
+            }
+            messageSent_ = 0;
+        }
+        uint32_t length = static_cast<uint32_t>(message_.size() - messageSent_);
+        int rc = session.Write(message_.data() + messageSent_, length);
+        if (rc != KestoBearerErrorNone || length == 0) {
+            return rc;
+        }
+        messageSent_ += length;
+        taken += length;
+    }
+    return KestoBearerErrorNone;
+}
+
+void EchoCheck::PrintProgress(uint64_t bytes) const {
+    long residentKb = 0;
+    int descriptors = 0;
+    ProcessUse(residentKb, descriptors);
+    std::printf("echo: %llu bytes back after %.1f s, VmRSS %ld kB, %d descriptors\n",
+                static_cast<unsigned long long>(bytes), Milliseconds(Clock::now() - streamStartedAt_) / 1000,
+                residentKb, descriptors);
+    std::fflush(stdout);
 }
 
 void EchoCheck::WatchProgress(Clock::time_point now) {

@@ -38,6 +38,8 @@ enum OptionId : int {
     kBytes,
     kPings,
     kPingBytes,
+    kSeed,
+    kProgress,
 };
 
 // The leading colon makes a missing value come back as ':' rather than '?'.
@@ -66,6 +68,8 @@ constexpr option kLongOptions[] = {
     {"bytes", required_argument, nullptr, kBytes},
     {"pings", required_argument, nullptr, kPings},
     {"ping-bytes", required_argument, nullptr, kPingBytes},
+    {"seed", required_argument, nullptr, kSeed},
+    {"progress", required_argument, nullptr, kProgress},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -89,6 +93,8 @@ constexpr ModeOption kModeOptions[] = {
     {kBytes, Options::Mode::Echo},
     {kPings, Options::Mode::Echo},
     {kPingBytes, Options::Mode::Echo},
+    {kSeed, Options::Mode::Echo},
+    {kProgress, Options::Mode::Echo},
     {kLinger, Options::Mode::Bridge},
     {kAll, Options::Mode::List},
 };
@@ -221,6 +227,10 @@ bool ApplyNumber(int id, const std::string& value, Options& out) {
         return ParseSeconds(value, out.lingerSeconds);
     case kBytes:
         return ParseByteCount(value, out.echoBytes);
+    case kSeed:
+        return ParseInt(value, 1, 2147483647, number) && (out.echoSeed = static_cast<uint64_t>(number), true);
+    case kProgress:
+        return ParseByteCount(value, out.progressBytes);
     default:
         return true;
     }
@@ -388,6 +398,13 @@ Echo:
   --pings N             small messages sent one at a time to time the round
                         trip, 0 to 1000 (default 10)
   --ping-bytes N        bytes in each of those messages, 1 to 65536 (default 100)
+  --seed N              send the bulk as messages of pseudo-random lengths drawn
+                        from seed N, 1 to 2147483647: any length up to 65536
+                        bytes, a quarter of them whole multiples of 512 (default:
+                        pieces of 16384 bytes)
+  --progress N[K|M|G]   print "echo: B bytes back" to standard output when the
+                        stream starts, each time another N bytes have come back
+                        and at its end, with the process's memory and descriptors
 
 Bridge:
   -l, --linger SECONDS  after standard input has ended and been sent, keep copying

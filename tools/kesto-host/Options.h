@@ -35,6 +35,8 @@ public:
     uint64_t echoBytes = 1024 * 1024;
     int pings = 10;
     size_t pingBytes = 100;
+    uint64_t echoSeed = 0;      // 0: the bulk in fixed pieces
+    uint64_t progressBytes = 0; // 0: no progress lines
     double lingerSeconds = 1;
     bool listAll = false;
 };

@@ -55,7 +55,8 @@ std::chrono::milliseconds Milliseconds(double seconds) {
 
 std::unique_ptr<StreamClient> MakeClient(const Options& options, HostLog& log) {
     if (options.mode == Options::Mode::Echo) {
-        return std::make_unique<EchoCheck>(log, options.echoBytes, options.pings, options.pingBytes);
+        return std::make_unique<EchoCheck>(log, options.echoBytes, options.pings, options.pingBytes, options.echoSeed,
+                                           options.progressBytes);
     }
     return std::make_unique<Bridge>(log, Milliseconds(options.lingerSeconds));
 }

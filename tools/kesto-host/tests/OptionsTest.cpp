@@ -87,6 +87,8 @@ TEST(Options, MistakesAreNamed) {
         {{"--altsetting", "1"}, "--altsetting needs --interface"},
         {{"--timeout", "soon"}, "--timeout: 'soon' is not a valid value"},
         {{"echo", "--ping-bytes", "65537"}, "--ping-bytes: '65537' is not a valid value"},
+        {{"echo", "--seed", "0"}, "--seed: '0' is not a valid value"},
+        {{"--progress", "100M"}, "--progress is for echo only"},
         {{"--quiet=yes"}, "--quiet takes no value"},
         {{"--bytes", "10"}, "--bytes is for echo only"},
         {{"echo", "--linger", "1"}, "--linger is for bridge only"},
