@@ -16,6 +16,7 @@
 
 extern "C" {
 int __lsan_do_recoverable_leak_check() __attribute__((weak));
+void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 // libusb allocates inside these calls and reports running out through their
 // results; the link routes the plug-in's calls here, so they are numbered too.
@@ -193,6 +194,9 @@ TEST(AllocationSweep, EveryPluginAllocationOnTheWholeRoadFailsCleanly) {
         (void)!write(2, line, std::snprintf(line, sizeof line, "allocation %d: the road hangs\n", int(current)));
         abort();
     });
+    if (__sanitizer_set_death_callback != nullptr) { // a sanitizer's report names the run it ends
+        __sanitizer_set_death_callback(+[] { std::fprintf(stderr, "allocation %d: the road broke\n", int(current)); });
+    }
     const int descriptors = OpenDescriptors();
     const Journey full = Road().Travel(0);
     ASSERT_EQ("whole road", full.ending);
