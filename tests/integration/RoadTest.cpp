@@ -2,6 +2,8 @@
 // apart by their serial or by where they sit on the bus. The variations a phone brings to
 // the road (already an accessory, debug bridge first, no serial, a wrong
 // handshake) are the unit stories, where libusb's answers are exact.
+#include <poll.h>
+
 #include <cstdio>
 #include <thread>
 
@@ -40,6 +42,19 @@ TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     EXPECT_EQ(0, report.unclaimedSubmissions);
     std::printf("[ figure ] 64 MiB echoed on the high-speed link model in %.2f s: %.1f MB/s each way\n", run.seconds,
                 total / 1e6 / run.seconds);
+
+    // Once the toolkit has caught up, an idle link wakes nobody: the event
+    // handle falls quiet within a few last completions and stays so.
+    const KestoBearerInterface& api = toolkit->Interface();
+    int fd = -1;
+    intptr_t extra = 0;
+    ASSERT_EQ(0, api.connectionGetEventHandle(connection.Handle(), &fd, &extra));
+    int wakeups = 0;
+    for (pollfd waiter{fd, POLLIN, 0}; wakeups < 5 && poll(&waiter, 1, 300) != 0; ++wakeups) {
+        uint32_t activity = 0;
+        ASSERT_EQ(0, api.connectionGetActivity(connection.Handle(), &activity));
+    }
+    EXPECT_LT(wakeups, 5);
 }
 
 TEST_F(PhoneStory, OfTwoAccessoriesTheOneWithTheSerialIsChosenThoughListedSecond) {
