@@ -596,7 +596,7 @@ int KestoConnectionAAP::SetUpInterface() {
     return 0;
 }
 
-bool KestoConnectionAAP::ReleaseAndSetUpAgain() {
+void KestoConnectionAAP::ReleaseAndSetUpAgain() {
     int result = transport->ReleaseInterface(interfaceNumber);
     if (result != 0) {
         Log("Failed to release interface (error %d), connection might fail", result);
@@ -607,9 +607,7 @@ bool KestoConnectionAAP::ReleaseAndSetUpAgain() {
     }
     if (result != 0) {
         Fail(result);
-        return false;
     }
-    return true;
 }
 
 // ---- Handshake ----------------------------------------------------------------
@@ -725,10 +723,10 @@ void KestoConnectionAAP::OnReadComplete(int status) {
             break;
         }
         if (state == kStateHandshakeRead) {
-            // A phone that stays silent may have missed our claim: claim again and listen.
-            if (ReleaseAndSetUpAgain()) {
-                SubmitHandshakeRead();
-            }
+            // A phone that stays silent may have missed our claim: claim again and
+            // listen, even after a failed set-up, whose stored error stops the rest.
+            ReleaseAndSetUpAgain();
+            SubmitHandshakeRead();
         } else if (int result = StartReads(); result != 0) {
             Log("Read resubmit on error, returned error %d", result);
             Keep(result);

@@ -27,8 +27,8 @@ enum AAPState : int32_t {
 
 // The moves a connection makes, one row per state: where EnterState may take
 // it next besides staying. Every state may also move to Failed (a stray
-// completion can fail any step) and to Closing (destroy). Failed and Closing
-// are final: the completions that a teardown delivers change nothing.
+// completion can fail any step) and to Closing (destroy). Closing is final:
+// the completions that a teardown delivers change nothing.
 constexpr uint32_t StateBit(AAPState state) { return 1u << state; }
 constexpr uint32_t kNextStates[] = {
     /* Initial        */ StateBit(kStateVersionQuery) | StateBit(kStateHandshakeRead), // or already an accessory
@@ -39,7 +39,7 @@ constexpr uint32_t kNextStates[] = {
     /* HandshakeRead  */ StateBit(kStateHandshakeWrite),
     /* HandshakeWrite */ StateBit(kStateConnected),
     /* Connected      */ 0,
-    /* Failed         */ 0,
+    /* Failed         */ StateBit(kStateHandshakeRead), // listening again after a failed re-setup
     /* Reserved       */ 0,
     /* Closing        */ 0,
 };
@@ -150,8 +150,8 @@ private:
     int DiscoverEndpoints(libusb_device* candidate);
     // Configuration 1 if needed, claim, endpoints; logs and returns 11 on failure.
     int SetUpInterface();
-    // Releases and sets the interface up again; false (after Fail) on failure.
-    bool ReleaseAndSetUpAgain();
+    // Releases and sets the interface up again; Fail on failure.
+    void ReleaseAndSetUpAgain();
 
     // Handshake and data phase.
     // State 5 with one handshake read (3000 ms) submitted; Fail on refusal.
