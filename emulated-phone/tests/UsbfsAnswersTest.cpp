@@ -77,6 +77,16 @@ protected:
         pollfd p{fd_, POLLOUT, 0};
         return poll(&p, 1, ms) == 1;
     }
+    // A bulk OUT URB of `length` bytes from `data`.
+    int Send(usbdevfs_urb& urb, const void* data, size_t length)
+    {
+        urb = {};
+        urb.type = USBDEVFS_URB_TYPE_BULK;
+        urb.endpoint = kOut;
+        urb.buffer = const_cast<void*>(data);
+        urb.buffer_length = static_cast<int>(length);
+        return Call(USBDEVFS_SUBMITURB, &urb);
+    }
     // The reaped URB, or null with the errno in `error`.
     usbdevfs_urb* Reap(int& error)
     {
@@ -84,11 +94,20 @@ protected:
         error = Call(USBDEVFS_REAPURBNDELAY, &urb);
         return urb;
     }
+    // Whether `urb` came back, reaping what ended before it.
+    bool Reaped(const usbdevfs_urb& urb)
+    {
+        int error = 0;
+        while (Ready(2000))
+            if (Reap(error) == &urb)
+                return true;
+        return false;
+    }
 
     std::unique_ptr<PhoneWorld> world_;
     EmulatedPhone* phone_ = nullptr;
     int fd_ = -1;
-    unsigned char buffer_[512] = {};
+    unsigned char buffer_[16384] = {};
 };
 
 TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
@@ -238,6 +257,8 @@ TEST_P(UsbfsNode, HaltedEndpointFailsUrbsWithEpipeUntilTheHaltIsCleared)
 // The phone's driver ends a read only on a short packet or at 16 KiB: a host
 // that leaves a whole number of packets gets nothing to the application until
 // it sends more. The harshest model, which the plug-in's stories run against.
+// Its echo of a whole number of packets ends with a zero-length packet, and
+// while it is idle a read stays in flight.
 TEST_P(UsbfsNode, PhoneDriverHoldsWholePacketsUntilAShortOne)
 {
     const struct {
@@ -254,25 +275,38 @@ TEST_P(UsbfsNode, PhoneDriverHoldsWholePacketsUntilAShortOne)
         Plug(options);
         ASSERT_EQ(0, Claim(0));
         std::vector<unsigned char> stream(c.write, 0x5A);
-        usbdevfs_urb handshake{}, write{}, more{};
-        auto send = [this](usbdevfs_urb& urb, const unsigned char* data, size_t length) {
-            urb.type = USBDEVFS_URB_TYPE_BULK;
-            urb.endpoint = kOut;
-            urb.buffer = const_cast<unsigned char*>(data);
-            urb.buffer_length = static_cast<int>(length);
-            return Call(USBDEVFS_SUBMITURB, &urb);
-        };
-        ASSERT_EQ(0, send(handshake, kHostHandshake, sizeof kHostHandshake));
+        usbdevfs_urb handshake, write, more, echo;
+        ASSERT_EQ(0, Send(handshake, kHostHandshake, sizeof kHostHandshake));
         ASSERT_TRUE(phone_->WaitFor(PhoneStage::HandshakeDone, std::chrono::seconds(2)));
-        ASSERT_EQ(0, send(write, stream.data(), stream.size()));
+        ASSERT_TRUE(Reaped(handshake));
+        ASSERT_EQ(0, Submit(echo));
+        EXPECT_FALSE(Ready(50)) << "an idle phone completed a read";
+        ASSERT_EQ(0, Send(write, stream.data(), stream.size()));
         auto read = [](const PhoneReport& r) { return r.bytesFromHost > 0; };
         EXPECT_EQ(c.held, !phone_->WaitUntil(read, std::chrono::milliseconds(c.held ? 50 : 2000)));
         if (c.held) {
-            ASSERT_EQ(0, send(more, stream.data(), 10));
-            EXPECT_TRUE(phone_->WaitUntil([&](const PhoneReport& r) { return r.bytesFromHost == c.write + 10; },
-                                          std::chrono::seconds(2)));
+            ASSERT_EQ(0, Send(more, stream.data(), 10));
         }
+        ASSERT_TRUE(Reaped(echo));
+        EXPECT_EQ(c.write + (c.held ? 10 : 0), size_t(echo.actual_length));
+        if (c.write == 16384) {
+            ASSERT_EQ(0, Submit(echo));
+            ASSERT_TRUE(Reaped(echo));
+            EXPECT_EQ(0, echo.actual_length);
+        }
+        EXPECT_EQ(c.write == 16384 ? 1u : 0u, phone_->Report().zeroLengthToHost);
     }
+}
+
+TEST_P(UsbfsNode, HostHandshakeThatDoesNotMatchIsRefusedAndKept)
+{
+    Plug();
+    ASSERT_EQ(0, Claim(0));
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Send(urb, "HELLO WORLD", 11));
+    ASSERT_TRUE(phone_->WaitFor(PhoneStage::HandshakeFailed, std::chrono::seconds(2)));
+    EXPECT_FALSE(phone_->Report().Reached(PhoneStage::HandshakeDone));
+    EXPECT_EQ(std::vector<uint8_t>({'H', 'E', 'L', 'L', 'O', ' ', 'W', 'O', 'R', 'L'}), phone_->Report().hostHandshake);
 }
 
 INSTANTIATE_TEST_SUITE_P(, UsbfsNode,
