@@ -63,24 +63,9 @@ protected:
     Toolkit toolkit{EntryPointOf(library.get())};
 };
 
-TEST_F(LoadedPlugin, ToolkitFindsTheEntryPointAndNothingElse) {
-    ASSERT_NE(nullptr, toolkit.Bearer());
-    const char* internalNames[] = {
-        "bearerCreateConnection",
-        "connectionEstablish",
-        "_ZN14KestoBearerAAP16CreateConnectionEPvPS0_",
-        "_ZTV14KestoBearerAAP",
-        "_ZN19KestoConnectionImpl9SetStatusEi",
-        "_ZN18KestoConnectionAAP9EstablishEv",
-        "_ZN18FDCompositorThread5StartEv",
-        "_ZN22LibUSBBearerConnection12HandleEventsEv",
-    };
-    for (const char* name : internalNames) {
-        EXPECT_EQ(nullptr, dlsym(library.get(), name)) << name;
-    }
-}
-
+// What else the plug-in exports is PluginExportsOnlyItsEntryPoint's to tell.
 TEST_F(LoadedPlugin, ToolkitAsksForPropertiesOpensAndClosesAConnectionAndTerminates) {
+    ASSERT_NE(nullptr, toolkit.Bearer());
     EXPECT_EQ("USBAAP", toolkit.BearerProperty(KestoBearerPropertyName));
     EXPECT_EQ("Kesto Android Accessory Protocol bearer", toolkit.BearerProperty(KestoBearerPropertyTitle));
     EXPECT_EQ("2.7.0.2565", toolkit.BearerProperty(KestoBearerPropertyVersion));
