@@ -167,6 +167,35 @@ TEST_F(AccessoryConnection, RefusedSubmissionsAreReportedByTheNextGetActivity) {
     }
 }
 
+// A data read that ends with nothing is submitted again; one that cannot be
+// is the next GetActivity's error. A cancel the plug-in did not ask for counts
+// as ending with nothing.
+TEST_F(AccessoryConnection, ReadsEndingEmptyAreLoggedAndSubmittedAgain) {
+    struct Row { int status; bool refused; const char* logged; int result; };
+    const Row rows[] = {
+        {kCompleted, false, "Completed read of length 0", KestoBearerErrorNone},
+        {LIBUSB_TRANSFER_CANCELLED, false, "Pending read cancelled", KestoBearerErrorNone},
+        {kCompleted, true, "Attempt to re-read, returning error 11", KestoBearerErrorFailed},
+        {LIBUSB_TRANSFER_TIMED_OUT, true, "Read resubmit on error, returned error 11", KestoBearerErrorFailed},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.logged);
+        ToolkitConnection& connection = Connected();
+        if (row.refused) {
+            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
+        }
+        PhoneSends({}, row.status);
+        EXPECT_THAT(connection.Log(), Contains(row.logged));
+        const std::vector<Submission> inFlight = Transfers::InFlight();
+        EXPECT_EQ(row.refused ? 3 : 4, std::count_if(inFlight.begin(), inFlight.end(), [](const Submission& s) {
+                      return s.endpoint == kIn;
+                  }));
+        uint32_t activity = 0;
+        EXPECT_EQ(row.result, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+        NextStory(connection);
+    }
+}
+
 // An empty packet while the handshake is awaited asks for the handshake again,
 // so data that follows the handshake has no read to land in before our answer.
 TEST_F(AccessoryConnection, EmptyPacketBeforeTheHandshakeIsFollowedByOneHandshakeRead) {
