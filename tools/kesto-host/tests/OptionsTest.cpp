@@ -2,77 +2,64 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <vector>
 
 namespace {
 
-struct Parsed {
-    bool ok;
-    Options options;
-    std::string error;
-};
+using Fields = std::map<std::string, std::string>;
 
-Parsed Parse(std::vector<const char*> args) {
-    args.insert(args.begin(), "kesto-host");
-    Parsed p;
-    p.ok = Options::Parse(static_cast<int>(args.size()), args.data(), p.options, p.error);
-    return p;
-}
-
-TEST(Options, IdentityOptionsBecomeTheFieldsThePluginLooksUp) {
-    Parsed p = Parse({"echo", "--description", "Car display", "--accessory-serial=A1", "--interface", "0",
-                      "--altsetting=1", "--manufacturer", "", "--uri", "https://example.org/k",
-                      "--accessory-version", "4.1"});
-    ASSERT_TRUE(p.ok) << p.error;
-    EXPECT_EQ(p.options.mode, Options::Mode::Echo);
-    EXPECT_EQ(p.options.fields, (std::map<std::string, std::string>{{"desc", "Car display"},
-                                                                     {"serial", "A1"},
-                                                                     {"interface", "0"},
-                                                                     {"altsetting", "1"},
-                                                                     {"manufacturer", ""},
-                                                                     {"uri", "https://example.org/k"},
-                                                                     {"version", "4.1"}}));
-    // Bare, it bridges, and options not given stay out of the command string.
-    EXPECT_EQ(Parse({}).options.mode, Options::Mode::Bridge);
-    EXPECT_TRUE(Parse({}).options.fields.empty());
-    // A bridge waits a second for the phone's last bytes unless told otherwise.
-    EXPECT_EQ(Parse({}).options.lingerSeconds, 1.0);
-}
-
-// What a user of other command-line tools types: bundles, abbreviations, the
-// mode after the options or after "--", and the last of -q and -v winning.
-TEST(Options, ReadLikeOtherCommandLineTools) {
-    Parsed p = Parse({"-vs", "0A1B", "--ling", "2.5", "--time=5", "-Vp./k.so", "--", "bridge"});
-    ASSERT_TRUE(p.ok) << p.error;
-    EXPECT_EQ(p.options.verbosity, Verbosity::Verbose);
-    EXPECT_EQ(p.options.serial, "0A1B");
-    EXPECT_EQ(p.options.lingerSeconds, 2.5);
-    EXPECT_EQ(p.options.timeoutSeconds, 5.0);
-    EXPECT_TRUE(p.options.version);
-    EXPECT_EQ(p.options.pluginPath, "./k.so");
-    EXPECT_EQ(Parse({"-qv"}).options.verbosity, Verbosity::Verbose);
-    p = Parse({"-b", "1", "echo", "-a2", "-q"});
-    ASSERT_TRUE(p.ok) << p.error;
-    EXPECT_EQ(p.options.mode, Options::Mode::Echo);
-    EXPECT_EQ(p.options.address, 2);
-    EXPECT_EQ(p.options.verbosity, Verbosity::Quiet);
-}
-
-TEST(Options, ByteCountsTakeBinarySuffixes) {
-    EXPECT_EQ(Parse({"echo", "--bytes", "4096"}).options.echoBytes, 4096u);
-    EXPECT_EQ(Parse({"echo", "--bytes", "64k"}).options.echoBytes, 64u * 1024);
-    EXPECT_EQ(Parse({"echo", "--bytes=3M"}).options.echoBytes, 3u * 1024 * 1024);
-    EXPECT_EQ(Parse({"echo", "--bytes", "2G"}).options.echoBytes, 2ull << 30);
-    for (const char* bad : {"-1", "1.5M", "12MB", "99999999999999999999"}) {
-        EXPECT_FALSE(Parse({"echo", "--bytes", bad}).ok) << bad;
-    }
-}
-
-TEST(Options, MistakesAreNamed) {
+// Each command line as a user types it, and what the tool makes of it: the
+// options, or the mistake named. Bundles, abbreviations, the mode after the
+// options or after "--" and the last of -q and -v winning are what users of
+// other command-line tools type; identity options become the fields the
+// plug-in looks up, and options not given stay out of the command string.
+TEST(Options, CommandLinesAndWhatTheToolMakesOfThem) {
     const struct {
         std::vector<const char*> args;
-        const char* error;
+        const char* error; // null: parsed, and `check` holds
+        std::function<void(const Options&)> check = {};
     } cases[] = {
+        {{}, nullptr,
+         [](const Options& o) {
+             EXPECT_EQ(o.mode, Options::Mode::Bridge);
+             EXPECT_TRUE(o.fields.empty());
+             EXPECT_EQ(o.lingerSeconds, 1.0); // a bridge waits a second for the phone's last bytes
+         }},
+        {{"echo", "--description", "Car display", "--accessory-serial=A1", "--interface", "0", "--altsetting=1",
+          "--manufacturer", "", "--uri", "https://example.org/k", "--accessory-version", "4.1"},
+         nullptr,
+         [](const Options& o) {
+             EXPECT_EQ(o.mode, Options::Mode::Echo);
+             EXPECT_EQ(o.fields, (Fields{{"desc", "Car display"}, {"serial", "A1"}, {"interface", "0"},
+                                         {"altsetting", "1"}, {"manufacturer", ""}, {"uri", "https://example.org/k"},
+                                         {"version", "4.1"}}));
+         }},
+        {{"-vs", "0A1B", "--ling", "2.5", "--time=5", "-Vp./k.so", "--", "bridge"}, nullptr,
+         [](const Options& o) {
+             EXPECT_EQ(o.verbosity, Verbosity::Verbose);
+             EXPECT_EQ(o.serial, "0A1B");
+             EXPECT_EQ(o.lingerSeconds, 2.5);
+             EXPECT_EQ(o.timeoutSeconds, 5.0);
+             EXPECT_TRUE(o.version);
+             EXPECT_EQ(o.pluginPath, "./k.so");
+         }},
+        {{"-qv"}, nullptr, [](const Options& o) { EXPECT_EQ(o.verbosity, Verbosity::Verbose); }},
+        {{"-b", "1", "echo", "-a2", "-q"}, nullptr,
+         [](const Options& o) {
+             EXPECT_EQ(o.mode, Options::Mode::Echo);
+             EXPECT_EQ(o.address, 2);
+             EXPECT_EQ(o.verbosity, Verbosity::Quiet);
+         }},
+        // Byte counts take binary suffixes.
+        {{"echo", "--bytes", "4096"}, nullptr, [](const Options& o) { EXPECT_EQ(o.echoBytes, 4096u); }},
+        {{"echo", "--bytes", "64k"}, nullptr, [](const Options& o) { EXPECT_EQ(o.echoBytes, 64u << 10); }},
+        {{"echo", "--bytes=3M"}, nullptr, [](const Options& o) { EXPECT_EQ(o.echoBytes, 3u << 20); }},
+        {{"echo", "--bytes", "2G"}, nullptr, [](const Options& o) { EXPECT_EQ(o.echoBytes, 2ull << 30); }},
+        {{"echo", "--bytes", "-1"}, "--bytes: '-1' is not a valid value"},
+        {{"echo", "--bytes", "1.5M"}, "--bytes: '1.5M' is not a valid value"},
+        {{"echo", "--bytes", "12MB"}, "--bytes: '12MB' is not a valid value"},
+        {{"echo", "--bytes", "99999999999999999999"}, "--bytes: '99999999999999999999' is not a valid value"},
         {{"--frobnicate"}, "unknown option '--frobnicate'"},
         {{"-qx"}, "unknown option '-x'"},
         {{"--ver"}, "option '--ver' is ambiguous: --verbose, --version"},
@@ -100,9 +87,18 @@ TEST(Options, MistakesAreNamed) {
         {{"--", "-q"}, "unknown mode '-q' (bridge, echo or list)"},
     };
     for (const auto& c : cases) {
-        Parsed p = Parse(c.args);
-        EXPECT_FALSE(p.ok) << c.error;
-        EXPECT_EQ(p.error, c.error);
+        std::vector<const char*> args = c.args;
+        args.insert(args.begin(), "kesto-host");
+        Options options;
+        std::string error;
+        const bool ok = Options::Parse(static_cast<int>(args.size()), args.data(), options, error);
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        EXPECT_EQ(c.error == nullptr, ok) << error;
+        if (c.error == nullptr && ok) {
+            c.check(options);
+        } else if (c.error != nullptr) {
+            EXPECT_EQ(c.error, error);
+        }
     }
 }
 
