@@ -134,6 +134,11 @@ TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
     EXPECT_EQ(EBUSY, Call(USBDEVFS_SETCONFIGURATION, &configuration));
     ASSERT_EQ(0, Call(USBDEVFS_RELEASEINTERFACE, &interface));
     EXPECT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
+    // A URB on the unclaimed interface claims it on the file's behalf, and is counted.
+    usbdevfs_urb urb;
+    ASSERT_EQ(0, Submit(urb));
+    EXPECT_EQ(0, Call(USBDEVFS_GETDRIVER, &driver));
+    EXPECT_EQ(1, phone_->Report().unclaimedSubmissions);
 }
 
 TEST_P(UsbfsNode, UnconfiguredDeviceHasNoInterfacesUntilConfigurationOne)
@@ -147,17 +152,6 @@ TEST_P(UsbfsNode, UnconfiguredDeviceHasNoInterfacesUntilConfigurationOne)
     int configuration = 1;
     ASSERT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
     EXPECT_EQ(0, Claim(0));
-}
-
-// usbfs claims the interface on behalf of a file that uses it unclaimed.
-TEST_P(UsbfsNode, UrbOnAnUnclaimedInterfaceClaimsItAndIsCounted)
-{
-    Plug();
-    usbdevfs_urb urb;
-    ASSERT_EQ(0, Submit(urb));
-    usbdevfs_getdriver driver{};
-    EXPECT_EQ(0, Call(USBDEVFS_GETDRIVER, &driver));
-    EXPECT_EQ(1, phone_->Report().unclaimedSubmissions);
 }
 
 // Each way a URB in flight can end, and the status usbfs reaps it with.
@@ -203,7 +197,9 @@ TEST_P(UsbfsNode, UrbEndingsAreReapedWithTheKernelsStatus)
     }
 }
 
-TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalid)
+// Then the phone is unplugged with a URB in flight: only reaping is served
+// until nothing is left.
+TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalidAndAfterUnplugOnlyReapIsServed)
 {
     Plug();
     ASSERT_EQ(0, Claim(0));
@@ -217,18 +213,11 @@ TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalid)
     int error = 0;
     ASSERT_EQ(&urb, Reap(error));
     EXPECT_FALSE(Ready(20)) << "reaped, yet the node still polls ready";
-}
 
-TEST_P(UsbfsNode, AfterUnplugOnlyReapIsServedUntilNothingIsLeft)
-{
-    Plug();
-    ASSERT_EQ(0, Claim(0));
-    usbdevfs_urb urb;
     ASSERT_EQ(0, Submit(urb));
     phone_->Unplug();
     EXPECT_EQ(ENODEV, Claim(0));
     EXPECT_EQ(ENODEV, Submit(urb));
-    int error = 0;
     EXPECT_EQ(&urb, Reap(error));
     EXPECT_EQ(nullptr, Reap(error));
     EXPECT_EQ(ENODEV, error);
