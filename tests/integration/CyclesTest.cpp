@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "PhoneStory.h"
 
@@ -83,15 +82,7 @@ TEST(ConnectionCycles, TwoHundredGiveBackEveryDescriptorAndAllMemory) {
         ASSERT_TRUE(Cycle(phone, i));
     }
     // The last cycle's late closes: the count is taken once it holds still.
-    int descriptors = OpenDescriptors();
-    for (int check = 0; check < 20; ++check) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        const int now = OpenDescriptors();
-        if (now == descriptors) {
-            break;
-        }
-        descriptors = now;
-    }
+    const int descriptors = OpenDescriptorsOnceSettled(-1);
     const size_t heap = HeapInUse();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < kCycles; ++i) {

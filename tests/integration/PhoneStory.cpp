@@ -1,43 +1,35 @@
 #include "PhoneStory.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
+#include <filesystem>
 #include <thread>
+#include <utility>
 
 #include "emulated-phone/StreamPattern.h"
 
 using Clock = std::chrono::steady_clock;
 
-KestoBearerInitializeFn PluginEntryPoint() {
-    // Kept loaded for the process: a toolkit does not unload its bearers between connections.
+Toolkit::Options PluginToolkit() {
+    // Loaded once for the process: a toolkit does not unload its bearers between connections.
     static void* const library = dlopen(KESTO_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         ADD_FAILURE() << dlerror();
-        return nullptr;
+        return Toolkit::Options{nullptr};
     }
-    return reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"));
+    return Toolkit::Options{reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"))};
 }
 
-Toolkit::Options PluginToolkit() { return Toolkit::Options{PluginEntryPoint()}; }
-
-// Each open descriptor as "number=what it refers to".
+// Each open descriptor as " number=what it refers to".
 std::vector<std::string> DescriptorTargets() {
     std::vector<std::string> targets;
-    DIR* directory = opendir("/proc/self/fd");
-    for (dirent* entry = directory != nullptr ? readdir(directory) : nullptr; entry != nullptr;
-         entry = readdir(directory)) {
-        char target[256] = {};
-        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (entry->d_name[0] != '.' && readlink(path.c_str(), target, sizeof target - 1) > 0) {
-            targets.push_back(std::string(entry->d_name) + "=" + target);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
+        if (!error) {
+            targets.push_back(" " + entry.path().filename().string() + "=" + target.string());
         }
-    }
-    if (directory != nullptr) {
-        closedir(directory);
     }
     return targets;
 }
@@ -47,7 +39,7 @@ int OpenDescriptors() { return static_cast<int>(DescriptorTargets().size()); }
 std::string DescribeDescriptors() {
     std::string listing;
     for (const std::string& target : DescriptorTargets()) {
-        listing += " " + target;
+        listing += target;
     }
     return listing;
 }
@@ -144,8 +136,10 @@ void PhoneStory::TearDown() {
 // its end of a device node after the client closed its own. A leak never settles.
 int OpenDescriptorsOnceSettled(int expected) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (OpenDescriptors() != expected && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    int count = OpenDescriptors();
+    for (int last = -1; count != (expected < 0 ? last : expected) && std::chrono::steady_clock::now() < end;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(expected < 0 ? 100 : 5));
+        last = std::exchange(count, OpenDescriptors());
     }
-    return OpenDescriptors();
+    return count;
 }

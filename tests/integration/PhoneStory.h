@@ -12,13 +12,13 @@
 #include "emulated-phone/PhoneWorld.h"
 #include "harness/Toolkit.h"
 
-// The shipped plug-in's entry point, from a dlopen made once per process, as a toolkit loads it.
-KestoBearerInitializeFn PluginEntryPoint();
+// A toolkit of the shipped plug-in, loaded with dlopen as a toolkit loads it.
 Toolkit::Options PluginToolkit();
 int OpenDescriptors();
 // Each open descriptor with what it refers to, for a message.
 std::string DescribeDescriptors();
-// The count once other threads' late closes are done, waiting at most two seconds for expected.
+// The count once other threads' late closes are done, waiting at most two seconds for
+// expected, or with -1 until the count holds still for 100 ms.
 int OpenDescriptorsOnceSettled(int expected);
 
 Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields = {});

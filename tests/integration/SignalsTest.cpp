@@ -1,13 +1,13 @@
 // A toolkit's process takes signals: its timers, its children, its own
 // threads. Whichever thread a signal lands on, the plug-in's among them, the
 // connection goes on and no byte is lost.
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <thread>
 
@@ -25,15 +25,9 @@ void Count(int) { gDelivered.fetch_add(1, std::memory_order_relaxed); }
 
 std::vector<pid_t> Threads() {
     std::vector<pid_t> threads;
-    DIR* directory = opendir("/proc/self/task");
-    for (dirent* entry = directory != nullptr ? readdir(directory) : nullptr; entry != nullptr;
-         entry = readdir(directory)) {
-        if (entry->d_name[0] != '.') {
-            threads.push_back(static_cast<pid_t>(std::atol(entry->d_name)));
-        }
-    }
-    if (directory != nullptr) {
-        closedir(directory);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        threads.push_back(static_cast<pid_t>(std::stol(entry.path().filename().string())));
     }
     return threads;
 }
