@@ -21,14 +21,14 @@ Toolkit::Options PluginToolkit() {
     return Toolkit::Options{reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"))};
 }
 
-// Each open descriptor as " number=what it refers to".
+// Each open descriptor as "number=what it refers to".
 std::vector<std::string> DescriptorTargets() {
     std::vector<std::string> targets;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
         const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
         if (!error) {
-            targets.push_back(" " + entry.path().filename().string() + "=" + target.string());
+            targets.push_back(entry.path().filename().string() + "=" + target.string());
         }
     }
     return targets;
@@ -39,7 +39,7 @@ int OpenDescriptors() { return static_cast<int>(DescriptorTargets().size()); }
 std::string DescribeDescriptors() {
     std::string listing;
     for (const std::string& target : DescriptorTargets()) {
-        listing += target;
+        listing += " " + target;
     }
     return listing;
 }
