@@ -110,14 +110,22 @@ protected:
     unsigned char buffer_[16384] = {};
 };
 
+// The phone comes back from the switch unconfigured, as some do.
 TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
 {
-    Plug();
+    PhoneOptions options;
+    options.accessoryUnconfigured = true;
+    Plug(options);
     usbdevfs_getdriver driver{};
     usbdevfs_urb* none = nullptr;
-    int configuration = 2;
+    usbdevfs_urb urb;
+    int configuration = 1;
     unsigned int interface = 0;
     usbdevfs_ioctl disconnect{0, USBDEVFS_DISCONNECT, nullptr};
+    // No interfaces until configuration one is set.
+    EXPECT_EQ(ENOENT, Claim(0));
+    EXPECT_EQ(ENOENT, Submit(urb));
+    ASSERT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
     // Nothing claimed yet: no driver to name or detach, nothing to release or reap.
     EXPECT_EQ(ENODATA, Call(USBDEVFS_GETDRIVER, &driver));
     EXPECT_EQ(ENODATA, Call(USBDEVFS_IOCTL, &disconnect));
@@ -125,6 +133,7 @@ TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
     EXPECT_EQ(EAGAIN, Call(USBDEVFS_REAPURBNDELAY, &none));
     EXPECT_EQ(ENOENT, Claim(5));
     EXPECT_EQ(EINVAL, Claim(40)); // beyond usbfs's bit set of claims
+    configuration = 2;
     EXPECT_EQ(EINVAL, Call(USBDEVFS_SETCONFIGURATION, &configuration));
 
     ASSERT_EQ(0, Claim(0));
@@ -135,23 +144,9 @@ TEST_P(UsbfsNode, ClaimsAndConfigurationAnswerAsTheKernelDoes)
     ASSERT_EQ(0, Call(USBDEVFS_RELEASEINTERFACE, &interface));
     EXPECT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
     // A URB on the unclaimed interface claims it on the file's behalf, and is counted.
-    usbdevfs_urb urb;
     ASSERT_EQ(0, Submit(urb));
     EXPECT_EQ(0, Call(USBDEVFS_GETDRIVER, &driver));
     EXPECT_EQ(1, phone_->Report().unclaimedSubmissions);
-}
-
-TEST_P(UsbfsNode, UnconfiguredDeviceHasNoInterfacesUntilConfigurationOne)
-{
-    PhoneOptions options;
-    options.accessoryUnconfigured = true;
-    Plug(options);
-    usbdevfs_urb urb;
-    EXPECT_EQ(ENOENT, Claim(0));
-    EXPECT_EQ(ENOENT, Submit(urb));
-    int configuration = 1;
-    ASSERT_EQ(0, Call(USBDEVFS_SETCONFIGURATION, &configuration));
-    EXPECT_EQ(0, Claim(0));
 }
 
 // Each way a URB in flight can end, and the status usbfs reaps it with.
