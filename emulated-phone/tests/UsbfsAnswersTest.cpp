@@ -192,8 +192,6 @@ TEST_P(UsbfsNode, UrbEndingsAreReapedWithTheKernelsStatus)
     }
 }
 
-// Then the phone is unplugged with a URB in flight: only reaping is served
-// until nothing is left.
 TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalidAndAfterUnplugOnlyReapIsServed)
 {
     Plug();
@@ -209,6 +207,7 @@ TEST_P(UsbfsNode, DiscardOfAUrbNotInFlightIsInvalidAndAfterUnplugOnlyReapIsServe
     ASSERT_EQ(&urb, Reap(error));
     EXPECT_FALSE(Ready(20)) << "reaped, yet the node still polls ready";
 
+    // Unplugged with a URB in flight: only reaping is served, until nothing is left.
     ASSERT_EQ(0, Submit(urb));
     phone_->Unplug();
     EXPECT_EQ(ENODEV, Claim(0));
