@@ -18,46 +18,73 @@ fakeusb::Endpoint Interrupt(uint8_t address) { return fakeusb::Endpoint{address,
 
 AltSetting DebugBridge(uint8_t number) { return AltSetting{number, 0, 0xFF, 0x42, 0x01, {Bulk(0x82), Bulk(0x02)}}; }
 
-const std::vector<fakeusb::Interface> kAccessoryOnly{{Accessory(0, {Bulk(0x81), Bulk(0x01)})}};
-const char kStartManually[] = "Kesto server may need to be started manually.";
-const char kTooFewEndpoints[] = "There are less than 2 endpoints exposed by the android device.";
+// The interfaces claimed, then the endpoints cleared of halts (IN, then OUT): "1: 0x81 0x01".
+std::string SetUpOn(int phone) {
+    std::string text;
+    for (int number : fakeusb::Bus::ClaimedInterfaces(phone)) {
+        text += std::to_string(number) + ":";
+    }
+    for (const std::string& call : fakeusb::Calls::Named("libusb_clear_halt")) {
+        text += " " + call.substr(call.size() - 5, 4);
+    }
+    return text;
+}
 
-// A phone already in accessory mode, laid out as the row says.
+const fakeusb::Interface kAccessory01{Accessory(0, {Bulk(0x81), Bulk(0x01)})};
+const char kStartManually[] = "Kesto server may need to be started manually.";
+const char kNoneSuitable[] = "Failed to find suitable interface for AAP from device.";
+const char kTooFewEndpoints[] = "There are less than 2 endpoints exposed by the android device.";
+const char kNoBulkPairOn1[] = "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint";
+
+// A phone already in accessory mode, laid out as the row says; set up, or not
+// (nothing claimed) with the row's message.
 struct Layout {
     const char* story;
     std::vector<fakeusb::Interface> interfaces;
     Fields fields;
-    int configuration;
-    std::optional<std::pair<Function, int>> failing;
-    int result;
     std::string lastLog;
-    std::vector<int> claimed;
-    std::vector<std::string> endpoints; // as cleared of halts: IN, then OUT
-    bool setsConfiguration;
+    std::string setUp;
+    int configuration = 1;
+    std::optional<std::pair<Function, int>> failing = std::nullopt;
 };
 
 TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
-    // Which interface wins is AccessoryInterface's; these rows show the
-    // choice set up on the phone, and each way set-up ends with its message.
     const Layout layouts[] = {
-        {"debug bridge listed first", {{DebugBridge(0)}, {Accessory(1, {Bulk(0x81), Bulk(0x01)})}}, {}, 1, {}, 0,
-         kStartManually, {1}, {"0x81", "0x01"}, false},
-        {"given interface and alternate setting",
-         {{Accessory(0, {Bulk(0x81), Bulk(0x01)}), Accessory(0, {Bulk(0x83), Bulk(0x03)}, 1)}},
-         {{"interface", "0"}, {"altsetting", "1"}}, 1, {}, 0, kStartManually, {0}, {"0x83", "0x03"}, false},
-        {"unconfigured phone", kAccessoryOnly, {}, 0, {}, 0, kStartManually, {0}, {"0x81", "0x01"}, true},
-        {"configuration unreadable", kAccessoryOnly, {}, 1, {{Function::GetConfiguration, LIBUSB_ERROR_IO}}, 0,
-         "Error getting current configuration: -1", {0}, {"0x81", "0x01"}, false},
-        {"configuration refused", kAccessoryOnly, {}, 0, {{Function::SetConfiguration, LIBUSB_ERROR_BUSY}},
-         KestoBearerErrorFailed, "Error setting configuration: -6, in configuration 0", {}, {}, true},
-        {"given interface has one endpoint",
-         {{Accessory(0, {Bulk(0x81), Bulk(0x01)})}, {Accessory(1, {Bulk(0x83)})}}, {{"interface", "1"}}, 1, {},
-         KestoBearerErrorFailed, "Error: interface 1 lacks a bulk IN and a bulk OUT endpoint", {}, {}, false},
-        {"interrupt IN with bulk OUT", {{Accessory(0, {Interrupt(0x81), Bulk(0x01)})}}, {}, 1, {},
-         KestoBearerErrorFailed, "Failed to find suitable interface for AAP from device.", {}, {}, false},
+        {"debug bridge listed first", {{DebugBridge(0)}, {Accessory(1, {Bulk(0x81), Bulk(0x01)})}}, {}, kStartManually,
+         "1: 0x81 0x01"},
+        {"OUT endpoint before IN", {{Accessory(0, {Bulk(0x03), Bulk(0x84)})}}, {}, kStartManually, "0: 0x84 0x03"},
+        {"lowest interface number wins, not the first listed",
+         {{Accessory(2, {Bulk(0x84), Bulk(0x04)})}, {Accessory(1, {Bulk(0x81), Bulk(0x01)})}}, {}, kStartManually,
+         "1: 0x81 0x01"},
+        {"given interface and alternate setting", {{kAccessory01[0], Accessory(0, {Bulk(0x83), Bulk(0x03)}, 1)}},
+         {{"interface", "0"}, {"altsetting", "1"}}, kStartManually, "0: 0x83 0x03"},
+        {"given interface may be the debug bridge", {{DebugBridge(0)}}, {{"interface", "0"}}, kStartManually,
+         "0: 0x82 0x02"},
+        {"first bulk endpoint of each direction",
+         {{Accessory(0, {Interrupt(0x85), Bulk(0x81), Bulk(0x82), Bulk(0x01), Bulk(0x02)})}}, {}, kStartManually,
+         "0: 0x81 0x01"},
+        {"two OUT endpoints make an interface ineligible",
+         {{Accessory(0, {Bulk(0x01), Bulk(0x02)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}}, {}, kStartManually,
+         "1: 0x83 0x03"},
+        {"a later interface has no setting", {kAccessory01, {}}, {}, kStartManually, "0: 0x81 0x01"},
+        {"unconfigured phone", {kAccessory01}, {}, kStartManually, "0: 0x81 0x01", 0},
+        {"configuration unreadable", {kAccessory01}, {}, "Error getting current configuration: -1", "0: 0x81 0x01", 1,
+         {{Function::GetConfiguration, LIBUSB_ERROR_IO}}},
+        {"configuration refused", {kAccessory01}, {}, "Error setting configuration: -6, in configuration 0", "", 0,
+         {{Function::SetConfiguration, LIBUSB_ERROR_BUSY}}},
+        {"given interface has one endpoint", {kAccessory01, {Accessory(1, {Bulk(0x83)})}}, {{"interface", "1"}},
+         kNoBulkPairOn1, ""},
+        {"given interface has two IN endpoints", {kAccessory01, {Accessory(1, {Bulk(0x83), Bulk(0x84)})}},
+         {{"interface", "1"}}, kNoBulkPairOn1, ""},
+        {"interrupt IN with bulk OUT", {{Accessory(0, {Interrupt(0x81), Bulk(0x01)})}}, {}, kNoneSuitable, ""},
+        {"given interface absent", {kAccessory01}, {{"interface", "3"}}, kNoneSuitable, ""},
+        {"given alternate setting absent", {kAccessory01}, {{"interface", "0"}, {"altsetting", "2"}}, kNoneSuitable,
+         ""},
+        {"only the debug bridge", {{DebugBridge(0)}}, {}, kNoneSuitable, ""},
         {"first interface has one endpoint", {{Accessory(0, {Bulk(0x81)})}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}},
-         {}, 1, {}, KestoBearerErrorFailed, kTooFewEndpoints, {}, {}, false},
-        {"no interfaces", {}, {}, 1, {}, KestoBearerErrorFailed, "No interfaces on attached device.", {}, {}, false},
+         {}, kTooFewEndpoints, ""},
+        {"first interface has no setting", {{}, {Accessory(1, {Bulk(0x83), Bulk(0x03)})}}, {}, kTooFewEndpoints, ""},
+        {"no interfaces", {}, {}, "No interfaces on attached device.", ""},
     };
     for (const Layout& layout : layouts) {
         SCOPED_TRACE(layout.story);
@@ -68,20 +95,16 @@ TEST_F(AccessoryConnection, AccessoryInterfaceAndEndpointsAreChosenAndSetUp) {
         if (layout.failing) {
             Failures::Fail(layout.failing->first, layout.failing->second);
         }
-        ToolkitConnection& connection = Establish(layout.fields, layout.result);
+        const bool setUp = !layout.setUp.empty();
+        ToolkitConnection& connection = Establish(layout.fields, setUp ? KestoBearerErrorNone : KestoBearerErrorFailed);
         EXPECT_EQ(layout.lastLog, connection.Log().back());
-        EXPECT_THAT(fakeusb::Bus::ClaimedInterfaces(id), ElementsAreArray(layout.claimed));
-        std::vector<std::string> cleared;
-        for (const std::string& call : fakeusb::Calls::Named("libusb_clear_halt")) {
-            cleared.push_back(call.substr(call.size() - 5, 4));
-        }
-        EXPECT_THAT(cleared, ElementsAreArray(layout.endpoints));
-        EXPECT_EQ(layout.setsConfiguration ? 1 : 0, fakeusb::Calls::Count("libusb_set_configuration"));
+        EXPECT_EQ(layout.setUp, SetUpOn(id));
+        EXPECT_EQ(layout.configuration == 0 ? 1 : 0, fakeusb::Calls::Count("libusb_set_configuration"));
         EXPECT_EQ(0, fakeusb::Calls::Count("libusb_set_interface_alt_setting"));
-        const std::optional<Submission> read = Transfers::OldestInFlight(
-            layout.endpoints.empty() ? kIn : static_cast<unsigned char>(std::stoi(layout.endpoints[0], nullptr, 16)));
-        EXPECT_EQ(layout.result == KestoBearerErrorNone, read.has_value());
-        if (read) {
+        if (setUp) { // the handshake read goes out on the chosen IN endpoint
+            const auto in = static_cast<unsigned char>(std::stoi(layout.setUp.substr(2), nullptr, 16));
+            const std::optional<Submission> read = Transfers::OldestInFlight(in);
+            ASSERT_TRUE(read.has_value());
             EXPECT_EQ(16384, read->length);
             EXPECT_TRUE(read->interfaceClaimed);
         }
