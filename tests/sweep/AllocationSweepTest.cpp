@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
 
 #include "support/AllocationFailures.h"
 #include "unit/KestoConnectionAAPFixture.h"
@@ -38,21 +39,8 @@ namespace {
 
 using namespace aap;
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 volatile sig_atomic_t current = 0;
-
-// A refused connection is one way for the road to end; every other break of
-// the plug-in's contract fails the test.
-class Listener : public standin::ToolkitListener {
-public:
-    void Problem(const std::string& problem) override {
-        if (std::sscanf(problem.c_str(), "bearerCreateConnection returned %d", &refused) != 1) {
-            ADD_FAILURE() << "allocation " << current << ": " << problem;
-        }
-    }
-    int refused = 0;
-};
 
 struct Journey {
     std::string ending; // "whole road", or the step and the code it ended with
@@ -60,133 +48,103 @@ struct Journey {
     std::string failedSite;
 };
 
-class Road {
-public:
-    // One phone at 1:5 that switches to 1:6 when asked.
-    Road() {
-        fakeusb::Reset();
-        phone = fakeusb::Bus::Add(fakeusb::AndroidPhone(1, 5, kSerial));
-        Transfers::SetResponder([this](const Submission& s) {
-            if (s.IsControl()) {
-                Transfers::Complete(s.id, kCompleted, s.setup.request == 51 ? Bytes{2, 0} : Bytes{});
-                if (s.setup.request == 53) {
-                    fakeusb::Bus::Unplug(phone);
-                    fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 6, kSerial));
-                }
-            }
-        });
+// A step that failed ends the road there, with a specified error: thrown as the ending.
+void Step(const std::string& where, int code) {
+    static const std::set<int> specified{KestoBearerErrorInvalidParameter, KestoBearerErrorFailed,
+                                         KestoBearerErrorCannotOpenDevice, KestoBearerErrorBufferTooSmall};
+    if (code != KestoBearerErrorNone) {
+        EXPECT_TRUE(specified.count(code)) << where << " ended with " << code;
+        throw where + ": " + std::to_string(code);
     }
+}
 
-    // The road with the plug-in's n-th allocation failing (none for 0).
-    Journey Travel(int n) {
-        current = n;
-        alarm(30);
-        Listener listener;
-        AllocationFailures::Sweep(n);
-        std::string ending;
-        {
-            standin::Toolkit::Options options{KestoBearerInitialize};
-            options.listener = &listener;
-            standin::Toolkit toolkit(options);
-            ending = Drive(toolkit, listener);
-            toolkit.Terminate();
-            EXPECT_THAT(toolkit.StringProblems(), testing::IsEmpty()) << "allocation " << n;
+// One phone at 1:5 that switches to 1:6 when asked.
+void PlugPhone() {
+    const int phone = fakeusb::Bus::Add(fakeusb::AndroidPhone(1, 5, kSerial));
+    Transfers::SetResponder([phone](const Submission& s) {
+        if (s.IsControl()) {
+            Transfers::Complete(s.id, kCompleted, s.setup.request == 51 ? Bytes{2, 0} : Bytes{});
+            if (s.setup.request == 53) {
+                fakeusb::Bus::Unplug(phone);
+                fakeusb::Bus::Add(fakeusb::AccessoryPhone(1, 6, kSerial));
+            }
         }
-        const Journey run{ending, AllocationFailures::SweepSeen(), AllocationFailures::FailedSite()};
-        AllocationFailures::Reset();
-        alarm(0);
-        EXPECT_EQ(fakeusb::Outstanding{}, fakeusb::Outstanding::Now()) << "allocation " << n;
-        fakeusb::Reset();
-        if (__lsan_do_recoverable_leak_check != nullptr) {
-            EXPECT_EQ(0, __lsan_do_recoverable_leak_check()) << "allocation " << n << " leaks";
-        }
-        return run;
+    });
+}
+
+// The toolkit switches the phone, greets it and trades three words each way.
+void Drive(Toolkit& toolkit) {
+    if (toolkit.Bearer() == nullptr) {
+        throw std::string("initialise: no bearer");
     }
-
-private:
-    std::string Drive(standin::Toolkit& toolkit, const Listener& listener) {
-        if (toolkit.Bearer() == nullptr) {
-            return "initialise: no bearer";
+    ToolkitConnection& connection = toolkit.AddConnection({{"bus", "1"}, {"dev", "5"}});
+    Step("create", toolkit.CreateConnection(connection));
+    Step("establish", toolkit.Establish(connection));
+    // Runs the toolkit until done() holds; a stall fails the run, a failed connection ends it.
+    const auto await = [&](const std::string& where, const std::function<bool()>& done) {
+        if (!toolkit.RunUntil([&] { return connection.Failure() != 0 || done(); }, 2s)) {
+            throw where + ", stalled";
         }
-        ToolkitConnection& connection = toolkit.CreateConnection({{"bus", "1"}, {"dev", "5"}});
-        if (connection.Handle() == nullptr) {
-            return Ended("create", listener.refused);
-        }
-        if (const int result = toolkit.Establish(connection)) {
-            return Ended("establish", result);
-        }
-        // Runs the toolkit until done() holds; false when the connection failed or stalled.
-        const auto await = [&](const std::function<bool()>& done) {
-            for (const auto end = Clock::now() + 2s; !done() && connection.Failure() == 0 && Clock::now() < end;) {
-                toolkit.RunOnce(10ms);
-            }
-            return done();
+        Step(where + " (" + connection.FailedCall() + ")", connection.Failure());
+    };
+    // A bit of the activity that a connectionGetActivity made from now on reports.
+    const auto shows = [&](uint32_t bit) {
+        return [&connection, bit, calls = connection.ActivityCalls()] {
+            return connection.ActivityCalls() > calls && (connection.Activity() & bit) != 0;
         };
-        const auto stopped = [&](const std::string& where) {
-            if (connection.Failure() != 0) {
-                return Ended(where + " (" + connection.FailedCall() + ")", connection.Failure());
-            }
-            uint32_t activity = 0; // stalled: what does asking say?
-            return Ended(where + ", stalled", toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
-        };
-        // A bit of the activity that a connectionGetActivity made from now on reports.
-        const auto shows = [&](uint32_t bit) {
-            return [&connection, bit, calls = connection.ActivityCalls()] {
-                return connection.ActivityCalls() > calls && (connection.Activity() & bit) != 0;
-            };
-        };
-        const auto reading = [] { return Transfers::OldestInFlight(kIn).has_value(); };
-        const auto writing = [] { return Transfers::OldestInFlight(kOut).has_value(); };
-        if (!await(reading)) {
-            return stopped("switch and rediscovery");
-        }
-        Transfers::CompleteOldest(kIn, kCompleted, kDeviceHandshake);
-        if (!await(writing)) {
-            return stopped("handshake read");
-        }
-        EXPECT_EQ(kHostHandshake, Transfers::OldestInFlight(kOut)->data);
+    };
+    const auto reading = [] { return Transfers::OldestInFlight(kIn).has_value(); };
+    const auto writing = [] { return Transfers::OldestInFlight(kOut).has_value(); };
+    await("switch and rediscovery", reading);
+    Transfers::CompleteOldest(kIn, kCompleted, kDeviceHandshake);
+    await("handshake read", writing);
+    EXPECT_EQ(kHostHandshake, Transfers::OldestInFlight(kOut)->data);
+    Transfers::CompleteOldest(kOut);
+    await("handshake write", [&] { return connection.Connected(); });
+    for (const std::string word : {"one", "two", "three"}) {
+        await("phone's " + word, reading);
+        Transfers::CompleteOldest(kIn, kCompleted, Text("ping " + word));
+        await("delivery of " + word, shows(KestoBearerActivityReadable));
+        const standin::Toolkit::Transfer got = toolkit.Read(connection, 64);
+        Step("read of " + word, got.result);
+        EXPECT_EQ(Text("ping " + word), got.bytes);
+        Step("write of " + word, toolkit.Write(connection, Text("pong " + word)).result);
+        await("toolkit's " + word, writing);
+        EXPECT_EQ(Text("pong " + word), Transfers::OldestInFlight(kOut)->data);
         Transfers::CompleteOldest(kOut);
-        if (!await([&] { return connection.Connected(); })) {
-            return stopped("handshake write");
-        }
-        for (const std::string word : {"one", "two", "three"}) {
-            if (!await(reading)) {
-                return stopped("phone's " + word);
-            }
-            Transfers::CompleteOldest(kIn, kCompleted, Text("ping " + word));
-            if (!await(shows(KestoBearerActivityReadable))) {
-                return stopped("delivery of " + word);
-            }
-            const standin::Toolkit::Transfer got = toolkit.Read(connection, 64);
-            if (got.result != KestoBearerErrorNone) {
-                return Ended("read of " + word, got.result);
-            }
-            EXPECT_EQ(Text("ping " + word), got.bytes) << "allocation " << current;
-            const standin::Toolkit::Transfer put = toolkit.Write(connection, Text("pong " + word));
-            if (put.result != KestoBearerErrorNone) {
-                return Ended("write of " + word, put.result);
-            }
-            if (!await(writing)) {
-                return stopped("toolkit's " + word);
-            }
-            EXPECT_EQ(Text("pong " + word), Transfers::OldestInFlight(kOut)->data) << "allocation " << current;
-            Transfers::CompleteOldest(kOut);
-            if (!await(shows(KestoBearerActivityWritable))) {
-                return stopped("write of " + word + " done");
-            }
-        }
-        return "whole road";
+        await("write of " + word + " done", shows(KestoBearerActivityWritable));
     }
+}
 
-    static std::string Ended(const std::string& where, int code) {
-        static const std::set<int> specified{KestoBearerErrorInvalidParameter, KestoBearerErrorFailed,
-                                             KestoBearerErrorCannotOpenDevice, KestoBearerErrorBufferTooSmall};
-        EXPECT_TRUE(specified.count(code)) << "allocation " << current << ": " << where << " ended with " << code;
-        return where + ": " + std::to_string(code);
+// The road with the plug-in's n-th allocation failing (none for 0). The
+// toolkit fails the run for any break of the contract and any string not
+// handed back; a connection it could not create is one way for the road to end.
+Journey Travel(int n) {
+    current = n;
+    alarm(30);
+    SCOPED_TRACE("allocation " + std::to_string(n));
+    fakeusb::Reset();
+    PlugPhone();
+    AllocationFailures::Sweep(n);
+    std::string ending = "whole road";
+    {
+        Toolkit toolkit({KestoBearerInitialize});
+        try {
+            Drive(toolkit);
+        } catch (const std::string& early) {
+            ending = early;
+        }
     }
-
-    int phone = -1;
-};
+    const Journey run{ending, AllocationFailures::SweepSeen(), AllocationFailures::FailedSite()};
+    AllocationFailures::Reset();
+    alarm(0);
+    EXPECT_EQ(fakeusb::Outstanding{}, fakeusb::Outstanding::Now());
+    fakeusb::Reset();
+    if (__lsan_do_recoverable_leak_check != nullptr) {
+        EXPECT_EQ(0, __lsan_do_recoverable_leak_check()) << "leaks";
+    }
+    return run;
+}
 
 TEST(AllocationSweep, EveryPluginAllocationOnTheWholeRoadFailsCleanly) {
     signal(SIGALRM, [](int) {
@@ -198,12 +156,12 @@ TEST(AllocationSweep, EveryPluginAllocationOnTheWholeRoadFailsCleanly) {
         __sanitizer_set_death_callback(+[] { std::fprintf(stderr, "allocation %d: the road broke\n", int(current)); });
     }
     const int descriptors = OpenDescriptors();
-    Road().Travel(0); // once first: the C library allocates for a process's first thread only
-    const Journey full = Road().Travel(0);
+    Travel(0); // once first: the C library allocates for a process's first thread only
+    const Journey full = Travel(0);
     ASSERT_EQ("whole road", full.ending);
     std::map<std::string, std::string> bySite; // each site's runs and how they ended
     for (int n = 1; n <= full.allocations; ++n) {
-        const Journey run = Road().Travel(n);
+        const Journey run = Travel(n);
         EXPECT_FALSE(run.failedSite.empty()) << "allocation " << n << " was not made";
         bySite[run.failedSite] += "\n    " + std::to_string(n) + " " + run.ending;
     }
