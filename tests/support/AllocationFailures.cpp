@@ -8,12 +8,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <link.h>
 
 #include <algorithm>
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -21,27 +18,15 @@
 #include <new>
 #include <string_view>
 
-// The allocator underneath: a sanitizer's when one is linked in (it stands
-// behind malloc's name, which this file takes over), else the C library's.
-extern "C" {
-void* __interceptor_malloc(size_t) __attribute__((weak));
-void* __interceptor_calloc(size_t, size_t) __attribute__((weak));
-void* __interceptor_realloc(void*, size_t) __attribute__((weak));
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-}
-
 // Not anonymous: the sweep tells these frames by name on the stack.
 namespace allocation_failures {
-std::atomic<int> skipLeft{-1};
-std::atomic<int> failLeft{0};
-std::atomic<unsigned long> failSize{0};
-std::atomic<int> seen{0};
-
+// The rule in force: the failAt-th allocation it numbers fails (none for 0).
+// Sweeping numbers the plug-in's operator new of every kind; otherwise only
+// non-throwing ones of size onlySize (any size for 0) are numbered.
 std::atomic<bool> sweeping{false};
-std::atomic<int> sweepFailAt{0};
-std::atomic<int> sweepSeen{0};
+std::atomic<unsigned long> onlySize{0};
+std::atomic<int> failAt{0};
+std::atomic<int> numbered{0};
 std::atomic<const void*> failedSite{nullptr};
 constexpr int kMaxSites = 1024;
 std::atomic<const void*> sites[kMaxSites];
@@ -54,22 +39,6 @@ struct Inside {
     Inside() { inside = true; }
     ~Inside() { inside = was; }
 };
-
-bool ShouldFail(std::size_t size) {
-    seen++;
-    if (failSize != 0 && size == failSize && failLeft > 0) {
-        failLeft--;
-        return true;
-    }
-    if (failSize == 0 && skipLeft >= 0 && failLeft > 0) {
-        if (skipLeft == 0) {
-            failLeft--;
-            return true;
-        }
-        skipLeft--;
-    }
-    return false;
-}
 
 enum class Owner { Library, Plugin, Other };
 
@@ -85,9 +54,6 @@ Owner OwnerOf(const char* symbol) {
         return Owner::Other;
     }
     std::string_view outer = symbol;
-    if (outer == "malloc" || outer == "calloc" || outer == "realloc") {
-        return Owner::Library;
-    }
     if (outer.substr(0, 2) == "_Z") {
         size_t i = 2 + (symbol[2] == 'Z');
         if (symbol[i] == 'N') {
@@ -174,9 +140,12 @@ const void* PluginCaller() {
     return nullptr;
 }
 
-// Numbers a plug-in allocation; true for the one to fail.
-bool SweepFails() {
-    if (!sweeping || inside) {
+// Numbers an allocation if the rule covers it; true for the one to fail.
+bool Fails(std::size_t size, bool nothrow) {
+    if (!sweeping) {
+        return nothrow && failAt > 0 && (onlySize == 0 || size == onlySize) && ++numbered == failAt;
+    }
+    if (inside) {
         return false;
     }
     Inside guard;
@@ -191,7 +160,7 @@ bool SweepFails() {
     if (known == siteCount && known < kMaxSites) {
         sites[siteCount++] = site;
     }
-    if (++sweepSeen != sweepFailAt) {
+    if (++numbered != failAt) {
         return false;
     }
     failedSite = site;
@@ -223,7 +192,7 @@ void* Next(bool array, std::size_t size) {
 }
 
 void* NoThrow(std::size_t size, bool array) noexcept {
-    if (ShouldFail(size) || SweepFails()) {
+    if (Fails(size, true)) {
         return nullptr;
     }
     try {
@@ -234,30 +203,24 @@ void* NoThrow(std::size_t size, bool array) noexcept {
 }
 
 void* Throwing(std::size_t size, bool array) {
-    if (SweepFails()) {
+    if (Fails(size, false)) {
         throw std::bad_alloc();
     }
     return Next(array, size);
-}
-
-void* Failed() {
-    errno = ENOMEM;
-    return nullptr;
 }
 } // namespace allocation_failures
 
 using namespace allocation_failures;
 
-void AllocationFailures::FailAfter(int skip, int count) {
-    failSize = 0;
-    failLeft = count;
-    skipLeft = skip;
+void AllocationFailures::FailAfter(int skip) {
+    Reset();
+    failAt = skip + 1;
 }
 
-void AllocationFailures::FailSize(unsigned long size, int count) {
-    skipLeft = -1;
-    failLeft = count;
-    failSize = size;
+void AllocationFailures::FailSize(unsigned long size) {
+    Reset();
+    onlySize = size;
+    failAt = 1;
 }
 
 void AllocationFailures::Sweep(int n) {
@@ -267,23 +230,20 @@ void AllocationFailures::Sweep(int n) {
     }
     void* warm[4];
     backtrace(warm, 4); // loads the unwinder now, not inside an allocation
-    sweepFailAt = n;
+    failAt = n;
     sweeping = true;
 }
 
 void AllocationFailures::Reset() {
-    skipLeft = -1;
-    failLeft = 0;
-    failSize = 0;
-    seen = 0;
     sweeping = false;
-    sweepSeen = 0;
+    onlySize = 0;
+    failAt = 0;
+    numbered = 0;
     failedSite = nullptr;
 }
 
-bool AllocationFailures::Allocating() { return SweepFails(); }
-int AllocationFailures::Seen() { return seen; }
-int AllocationFailures::SweepSeen() { return sweepSeen; }
+bool AllocationFailures::Allocating() { return Fails(0, false); }
+int AllocationFailures::SweepSeen() { return numbered; }
 std::string AllocationFailures::FailedSite() { return SiteName(failedSite); }
 
 std::vector<std::string> AllocationFailures::Sites() {
@@ -298,24 +258,3 @@ void* operator new(std::size_t size) { return Throwing(size, false); }
 void* operator new[](std::size_t size) { return Throwing(size, true); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return NoThrow(size, false); }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return NoThrow(size, true); }
-
-extern "C" void* malloc(size_t size) {
-    if (SweepFails()) {
-        return Failed();
-    }
-    return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
-}
-
-extern "C" void* calloc(size_t count, size_t size) {
-    if (SweepFails()) {
-        return Failed();
-    }
-    return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
-}
-
-extern "C" void* realloc(void* old, size_t size) {
-    if (SweepFails()) {
-        return Failed();
-    }
-    return __interceptor_realloc != nullptr ? __interceptor_realloc(old, size) : __libc_realloc(old, size);
-}
