@@ -37,6 +37,12 @@ private:
     size_t offset = 0;
 };
 
+// KESTO_FUZZ_TRACE=1 prints each action and the plug-in's log, to follow one input's story.
+inline bool Traced() {
+    static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
+    return trace;
+}
+
 // A broken invariant is the fuzzer's finding: say which, and crash.
 inline void Check(bool holds, const char* invariant) {
     if (!holds) {

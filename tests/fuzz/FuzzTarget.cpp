@@ -21,9 +21,8 @@
 namespace {
 
 void Act(FuzzInput& in, FuzzToolkit& toolkit, FuzzPhone& phone) {
-    static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
     const int action = in.U8() % 16;
-    if (trace) {
+    if (Traced()) {
         std::fprintf(stderr, "action %d\n", action);
     }
     phone.CallBegins();

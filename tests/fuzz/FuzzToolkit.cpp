@@ -4,8 +4,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -25,60 +27,49 @@ int Code(int code) {
     return code;
 }
 
-FuzzToolkit* From(void* context) { return static_cast<FuzzToolkit*>(context); }
+// The input's first byte: bit 0 turns the connection log off.
+standin::Toolkit::Options Loading(FuzzInput& in, standin::ToolkitListener* listener) {
+    standin::Toolkit::Options options{KestoBearerInitialize};
+    options.connectionLog = (in.U8() & 1) == 0;
+    options.listener = listener;
+    return options;
+}
 
-} // namespace
-
-FuzzToolkit::FuzzToolkit(FuzzPhone& phone, FuzzInput& in) : phone(phone), lowestFreeDescriptor(LowestFreeDescriptor()) {
-    const bool connectionLog = (in.U8() & 1) == 0;
+standin::ToolkitConnection::Fields CommandString(FuzzInput& in) {
+    standin::ToolkitConnection::Fields fields;
     const uint16_t given = in.U16();
     for (int i = 0; i < 10; i++) {
         if (given & 1 << i) {
             fields[kFields[i]] = in.Text();
         }
     }
-    // KESTO_FUZZ_TRACE=1 prints the plug-in's log, to follow one input's story.
-    static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
-    KestoBearerLogFn log = [](void*, const char* text) {
-        Check(std::strlen(text) <= 255, "a log line is at most 255 characters");
-        if (trace) {
-            std::fprintf(stderr, "plug-in: %s\n", text);
-        }
-    };
-    KestoBearerSupportAPI support{
-        [](void*, size_t size) { return static_cast<char*>(std::malloc(size)); },
-        [](void* context, char* text) {
-            Check(From(context)->parameters.erase(text) == 1, "freeString gets back only fields handed out, once");
-            std::free(text);
-        },
-        log,
-        [](void* context, const char* name, unsigned char, int*) -> char* {
-            auto it = From(context)->fields.find(name);
-            if (it == From(context)->fields.end()) {
-                return nullptr;
-            }
-            return *From(context)->parameters.insert(strdup(it->second.c_str())).first;
-        },
-        [](void* context, int status) {
-            FuzzToolkit* self = From(context);
-            Check((status == 3 && self->lastStatus == 0) || (status == 4 && self->lastStatus == 3 && self->phone.Matched()),
-                  "connecting is reported once, then connected once, after the handshake");
-            self->lastStatus = status;
-            return 0;
-        },
-        [](void* context, int delayMs) {
-            Check(delayMs >= 1, "a timer is at least 1 ms");
-            From(context)->timerAsked = true;
-            return 0;
-        },
-        nullptr, nullptr, connectionLog ? log : nullptr};
-    bearer = KestoBearerInitialize("USBAAP", this, &api, sizeof api, &support, sizeof support);
-    Check(bearer != nullptr && api.bearerCreateConnection(bearer, this, &connection) == 0, "a connection can be had");
+    return fields;
+}
+
+} // namespace
+
+FuzzToolkit::FuzzToolkit(FuzzPhone& phone, FuzzInput& in)
+    : phone(phone), lowestFreeDescriptor(LowestFreeDescriptor()), toolkit(Loading(in, this)),
+      connection(toolkit.AddConnection(CommandString(in))) {
+    Check(toolkit.Bearer() != nullptr && toolkit.CreateConnection(connection) == 0, "a connection can be had");
 }
 
 FuzzToolkit::~FuzzToolkit() {
     Destroy();
-    api.bearerTerminate(bearer);
+    toolkit.Terminate();
+}
+
+void FuzzToolkit::PluginLine(const char*, const char* text) {
+    Check(std::strlen(text) <= 255, "a log line is at most 255 characters");
+    if (Traced()) {
+        std::fprintf(stderr, "plug-in: %s\n", text);
+    }
+}
+
+void FuzzToolkit::Status(const standin::ToolkitConnection&, int status) {
+    Check((status == 3 && lastStatus == 0) || (status == 4 && lastStatus == 3 && phone.Matched()),
+          "connecting is reported once, then connected once, after the handshake");
+    lastStatus = status;
 }
 
 // Once failed for good, a connection says so on every call: after a failed
@@ -94,7 +85,7 @@ int FuzzToolkit::Reported(int code) {
 }
 
 void FuzzToolkit::Establish() {
-    const int code = Code(api.connectionEstablish(connection));
+    const int code = Code(Api().connectionEstablish(connection.Handle()));
     Check(code != 0 || lastStatus == 3, "an establish under way has reported connecting");
     failure = establishCalled || failure != 0 ? failure : code; // a second establish fails alone
     establishCalled = true;
@@ -103,7 +94,7 @@ void FuzzToolkit::Establish() {
 void FuzzToolkit::GetActivity() {
     uint32_t mask = kUntouched;
     const int before = failure;
-    if (Reported(api.connectionGetActivity(connection, &mask)) != 0) {
+    if (Reported(Api().connectionGetActivity(connection.Handle(), &mask)) != 0) {
         // Cleared first when the error comes up during this call.
         Check(mask == kUntouched || (before == 0 && mask == 0), "reporting a stored error leaves the mask alone");
     } else {
@@ -112,7 +103,7 @@ void FuzzToolkit::GetActivity() {
         const bool idle = phone.Changes() == changesSeen && fakeusb::Events::QueuedCompletions() == 0;
         idleCalls = idle ? idleCalls + 1 : 0;
         int handle = -1;
-        api.connectionGetEventHandle(connection, &handle, nullptr);
+        Api().connectionGetEventHandle(connection.Handle(), &handle, nullptr);
         pollfd ready{handle, POLLIN, 0};
         int readable;
         while ((readable = poll(&ready, 1, 0)) < 0 && errno == EINTR) {
@@ -124,38 +115,36 @@ void FuzzToolkit::GetActivity() {
 }
 
 void FuzzToolkit::TimerExpired() {
-    if (timerAsked) {
-        Reported(api.connectionTimerExpired(connection));
+    if (connection.TimerRequestCount() > 0) {
+        Reported(Api().connectionTimerExpired(connection.Handle()));
     }
 }
 
+// The stand-in checks the length against the buffer both ways.
 void FuzzToolkit::Read(uint32_t capacity) {
-    std::vector<uint8_t> buffer(capacity);
-    uint32_t length = capacity;
-    const int code = Code(api.connectionRead(connection, buffer.data(), &length));
-    if (code == 19) {
-        Check(length > capacity, "19 only for a block larger than the buffer");
-    } else if (code == 0 && length > 0) {
-        Check(length <= capacity, "a read delivers no more than the buffer holds");
-        phone.Delivered(buffer.data(), length);
+    const standin::Toolkit::Transfer got = toolkit.Read(connection, capacity);
+    const int code = Code(got.result);
+    if (code == 0 && got.length > 0) {
+        phone.Delivered(got.bytes.data(), got.length);
     } else {
-        Check(length == 0, "a read that delivers bytes returns 0");
+        Check(code == 19 || got.length == 0, "a read that delivers nothing sets the length to 0");
     }
-    Check(failure == 0 || code == 19 || (code == 0 && length > 0) || code == failure,
+    Check(failure == 0 || code == 19 || (code == 0 && got.length > 0) || code == failure,
           "after a failure, a read delivers what is left, then the error");
 }
 
+// The stand-in overwrites its buffer after the call: the plug-in must have copied it.
 void FuzzToolkit::Write(uint32_t length) {
     const std::vector<uint8_t> bytes = phone.WriteBytes(length);
     const int writes = phone.Writes();
-    uint32_t taken = length;
-    const int code = Code(api.connectionWrite(connection, bytes.data(), &taken));
+    const standin::Toolkit::Transfer put = toolkit.Write(connection, bytes);
+    const int code = Code(put.result);
     const bool sent = phone.Writes() > writes;
-    if (code == 0 && taken == length && (length > 0 || sent)) {
+    if (code == 0 && put.length == length && (length > 0 || sent)) {
         Check(sent && phone.LastWrite() == bytes, "a write that returns 0 with its length has sent the bytes");
         phone.Accepted(bytes);
     } else {
-        Check(taken == 0 && !sent, "a write not taken sets the length to 0 and sends nothing");
+        Check(put.length == 0 && !sent, "a write not taken sets the length to 0 and sends nothing");
     }
     Check(failure == 0 || code == failure, "after a failure, a write returns the error");
 }
@@ -163,7 +152,7 @@ void FuzzToolkit::Write(uint32_t length) {
 void FuzzToolkit::GetEventHandle(bool extra) {
     int handle = -2;
     intptr_t word = 1;
-    Reported(api.connectionGetEventHandle(connection, &handle, extra ? &word : nullptr));
+    Reported(Api().connectionGetEventHandle(connection.Handle(), &handle, extra ? &word : nullptr));
     Check(!extra || word == 0, "the second word is 0");
     Check(eventHandle < 0 || handle == eventHandle, "the event handle stays the same");
     if (handle >= 0) {
@@ -172,22 +161,25 @@ void FuzzToolkit::GetEventHandle(bool extra) {
     }
 }
 
+// The stand-in's ledger takes the text back and checks its buffer.
 void FuzzToolkit::Property(uint8_t which) {
     const int number = (which & 0x7F) - 8;
-    if (char* text = which & 0x80 ? api.bearerGetProperty(bearer, number) : api.connectionGetProperty(connection, number)) {
-        Check(std::strlen(text) < 64, "a property is a short text"); // ASan: within its allocString buffer
-        std::free(text);
-    }
+    const std::optional<std::string> text =
+        which & 0x80 ? toolkit.BearerProperty(number) : toolkit.ConnectionProperty(connection, number);
+    Check(!text || text->size() < 64, "a property is a short text");
 }
 
 void FuzzToolkit::Destroy() {
-    if (connection != nullptr) {
+    if (Alive()) {
         phone.CallBegins();
-        api.connectionDestroy(connection);
-        connection = nullptr;
+        toolkit.Destroy(connection);
         Check(fakeusb::Outstanding::Now() == fakeusb::Outstanding{},
               "destroy gives back every transfer, handle, context, device reference, list and configuration descriptor");
-        Check(parameters.empty(), "every command-string field is handed back");
+        for (const std::string& problem : toolkit.StringProblems()) {
+            Problem(problem); // every command-string field handed back once, every property buffer taken
+        }
+        const std::vector<int>& timers = connection.TimerRequests();
+        Check(std::all_of(timers.begin(), timers.end(), [](int ms) { return ms >= 1; }), "a timer is at least 1 ms");
         Check(eventHandle < 0 || fcntl(eventHandle, F_GETFD) == -1, "destroy closes the event handle");
         Check(LowestFreeDescriptor() == lowestFreeDescriptor, "destroy closes every descriptor");
     }

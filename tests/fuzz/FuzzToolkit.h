@@ -1,25 +1,22 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <set>
 #include <string>
 
 #include "fuzz/FuzzPhone.h"
-#include "kesto/KestoBearer.h"
+#include "toolkit-standin/Toolkit.h"
 
-// The toolkit: loads the bearer, creates one connection with the command
-// string the input gives, calls its slots as the input says and answers the
-// support calls. Every answer is checked as it comes; destroying the
-// connection must give back everything it held.
-class FuzzToolkit {
+// The toolkit: the stand-in loads the bearer and answers the support calls;
+// this creates one connection with the command string the input gives and
+// calls its slots as the input says. Every answer is checked as it comes, any
+// break the stand-in sees is a finding, and destroying the connection must
+// give back everything it held.
+class FuzzToolkit : public standin::ToolkitListener {
 public:
     FuzzToolkit(FuzzPhone& phone, FuzzInput& in);
-    ~FuzzToolkit();
-    FuzzToolkit(const FuzzToolkit&) = delete;
-    FuzzToolkit& operator=(const FuzzToolkit&) = delete;
+    ~FuzzToolkit() override;
 
-    bool Alive() const { return connection != nullptr; }
+    bool Alive() const { return connection.Handle() != nullptr; }
     void Establish();
     void GetActivity();
     // Only once a timer has been asked for, as a toolkit's timer fires.
@@ -31,23 +28,24 @@ public:
     void Property(uint8_t which);
     void Destroy();
 
+    void Problem(const std::string& problem) override { Check(false, problem.c_str()); }
+    void PluginLine(const char* source, const char* text) override;
+    void Status(const standin::ToolkitConnection& connection, int status) override;
+
 private:
     // A code from a slot that reports the stored error.
     int Reported(int code);
+    const KestoBearerInterface& Api() const { return toolkit.Interface(); }
 
     FuzzPhone& phone;
-    std::map<std::string, std::string> fields;
-    KestoBearerInterface api{};
-    void* bearer = nullptr;
-    void* connection = nullptr;
+    const int lowestFreeDescriptor;
     bool establishCalled = false;
-    bool timerAsked = false;
     int failure = 0; // the error the connection reports for good, 0 while none
     int eventHandle = -1;
-    int lowestFreeDescriptor;
     int lastStatus = 0;
     // GetActivity calls in a row with the phone still and nothing for libusb to do.
     int idleCalls = 0;
     int changesSeen = -1;
-    std::set<char*> parameters;
+    standin::Toolkit toolkit;
+    standin::ToolkitConnection& connection;
 };
