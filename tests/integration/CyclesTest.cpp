@@ -49,11 +49,7 @@ testing::AssertionResult Cycle(emuphone::EmulatedPhone& phone, int number) {
         phone.WriteToHost(kDeviceHandshake);
     }
     ToolkitConnection& connection = toolkit.CreateConnection(At(phone));
-    if (int result = toolkit.Establish(connection)) {
-        return testing::AssertionFailure() << "cycle " << number << ": establish returned " << result;
-    }
-    if (!toolkit.RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }) ||
-        !connection.Connected()) {
+    if (toolkit.Establish(connection) != 0 || !RunUntilConnected(toolkit, connection)) {
         return testing::AssertionFailure() << "cycle " << number << ": not connected";
     }
     if (number > 0) {

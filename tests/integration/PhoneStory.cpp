@@ -21,8 +21,7 @@ Toolkit::Options PluginToolkit() {
     return Toolkit::Options{reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"))};
 }
 
-// Each open descriptor as "number=what it refers to".
-std::vector<std::string> DescriptorTargets() {
+std::vector<std::string> OpenDescriptors() {
     std::vector<std::string> targets;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
@@ -34,20 +33,21 @@ std::vector<std::string> DescriptorTargets() {
     return targets;
 }
 
-int OpenDescriptors() { return static_cast<int>(DescriptorTargets().size()); }
-
-std::string DescribeDescriptors() {
-    std::string listing;
-    for (const std::string& target : DescriptorTargets()) {
-        listing += " " + target;
+// Descriptors are closed a moment late on other threads: a phone pulled by its
+// own trigger leaves the bus on its timer thread, and umockdev's worker closes
+// its end of a device node after the client closed its own. A leak never settles.
+int OpenDescriptorsOnceSettled(int expected) {
+    const auto end = Clock::now() + std::chrono::seconds(2);
+    int count = static_cast<int>(OpenDescriptors().size());
+    for (int last = -1; count != (expected < 0 ? last : expected) && Clock::now() < end;) {
+        std::this_thread::sleep_for(Ms(expected < 0 ? 100 : 5));
+        last = std::exchange(count, static_cast<int>(OpenDescriptors().size()));
     }
-    return listing;
+    return count;
 }
 
-Toolkit::Fields At(const emuphone::EmulatedPhone& phone, Toolkit::Fields fields) {
-    fields["bus"] = std::to_string(phone.BusNumber());
-    fields["dev"] = std::to_string(phone.Address());
-    return fields;
+Toolkit::Fields At(const emuphone::EmulatedPhone& phone) {
+    return {{"bus", std::to_string(phone.BusNumber())}, {"dev", std::to_string(phone.Address())}};
 }
 
 bool Logged(const ToolkitConnection& connection, const std::string& text) {
@@ -55,31 +55,32 @@ bool Logged(const ToolkitConnection& connection, const std::string& text) {
     return std::any_of(log.begin(), log.end(), [&](const std::string& line) { return line.find(text) != line.npos; });
 }
 
-EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, size_t piece,
-             std::chrono::milliseconds patience) {
-    return Echo(toolkit, connection, total, [piece](uint64_t) { return piece; }, patience);
+bool RunUntilConnected(Toolkit& toolkit, ToolkitConnection& connection, Ms timeout) {
+    return toolkit.RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }, timeout) &&
+           connection.Connected();
 }
 
 EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, const PieceSizes& pieces,
-             std::chrono::milliseconds patience) {
+             Ms patience) {
     EchoRun run;
+    uint64_t sent = 0;
+    bool mismatch = false;
     std::vector<uint8_t> expected;
     const Clock::time_point start = Clock::now();
-    const Clock::time_point end = start + patience;
-    while (run.returned < total && run.error == 0 && !run.mismatch && connection.Failure() == 0) {
-        if (Clock::now() > end) {
+    while (run.returned < total && run.error == 0 && !mismatch && connection.Failure() == 0) {
+        if (Clock::now() > start + patience) {
             ADD_FAILURE() << "echo stalled: " << run.returned << " of " << total << " bytes back";
             break;
         }
-        if (run.sent < total) {
-            std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(pieces(run.sent), total - run.sent)));
-            emuphone::StreamPattern::Fill(run.sent, bytes.data(), bytes.size());
+        if (sent < total) {
+            std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(pieces(sent), total - sent)));
+            emuphone::StreamPattern::Fill(sent, bytes.data(), bytes.size());
             const Toolkit::Transfer written = toolkit.Write(connection, bytes);
             run.error = written.result;
-            run.sent += written.result == KestoBearerErrorNone ? written.length : 0;
+            sent += written.result == KestoBearerErrorNone ? written.length : 0;
         }
-        toolkit.RunOnce(std::chrono::milliseconds(10));
-        for (Toolkit::Transfer read = toolkit.Read(connection, 16384); run.error == 0 && !run.mismatch;
+        toolkit.RunOnce(Ms(10));
+        for (Toolkit::Transfer read = toolkit.Read(connection, 16384); run.error == 0 && !mismatch;
              read = toolkit.Read(connection, 16384)) {
             run.error = read.result;
             if (read.result != KestoBearerErrorNone || read.bytes.empty()) {
@@ -87,9 +88,9 @@ EchoRun Echo(Toolkit& toolkit, ToolkitConnection& connection, uint64_t total, co
             }
             expected.resize(read.bytes.size());
             emuphone::StreamPattern::Fill(run.returned, expected.data(), expected.size());
-            run.mismatch = run.returned + read.bytes.size() > run.sent || read.bytes != expected;
-            EXPECT_FALSE(run.mismatch) << "the stream differs in the " << read.bytes.size() << " bytes from offset "
-                                       << run.returned;
+            mismatch = run.returned + read.bytes.size() > sent || read.bytes != expected;
+            EXPECT_FALSE(mismatch) << "the stream differs in the " << read.bytes.size() << " bytes from offset "
+                                   << run.returned;
             run.returned += read.bytes.size();
         }
     }
@@ -103,16 +104,11 @@ emuphone::EmulatedPhone& PhoneStory::Plug(const emuphone::PhoneOptions& options)
     return *phones_.back();
 }
 
-ToolkitConnection& PhoneStory::Connect(emuphone::EmulatedPhone& phone, Toolkit::Fields fields) {
-    ToolkitConnection& connection = toolkit->CreateConnection(At(phone, std::move(fields)));
+ToolkitConnection& PhoneStory::Connect(emuphone::EmulatedPhone& phone) {
+    ToolkitConnection& connection = toolkit->CreateConnection(At(phone));
     connections_.push_back(&connection);
     EXPECT_EQ(KestoBearerErrorNone, toolkit->Establish(connection));
     return connection;
-}
-
-bool PhoneStory::RunUntilConnected(ToolkitConnection& connection, Ms timeout) {
-    return toolkit->RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }, timeout) &&
-           connection.Connected();
 }
 
 void PhoneStory::TearDown() {
@@ -127,19 +123,7 @@ void PhoneStory::TearDown() {
     for (emuphone::EmulatedPhone* phone : phones_) {
         phone->Unplug();
     }
-    EXPECT_EQ(descriptorsAtStart, OpenDescriptorsOnceSettled(descriptorsAtStart))
-        << "descriptors left open; at start:" << listingAtStart << "\nnow:" << DescribeDescriptors();
-}
-
-// Descriptors are closed a moment late on other threads: a phone pulled by its
-// own trigger leaves the bus on its timer thread, and umockdev's worker closes
-// its end of a device node after the client closed its own. A leak never settles.
-int OpenDescriptorsOnceSettled(int expected) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    int count = OpenDescriptors();
-    for (int last = -1; count != (expected < 0 ? last : expected) && std::chrono::steady_clock::now() < end;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(expected < 0 ? 100 : 5));
-        last = std::exchange(count, OpenDescriptors());
-    }
-    return count;
+    const int atStart = static_cast<int>(descriptorsAtStart.size());
+    EXPECT_EQ(atStart, OpenDescriptorsOnceSettled(atStart)) << "descriptors left open; at start: "
+        << testing::PrintToString(descriptorsAtStart) << "\nnow: " << testing::PrintToString(OpenDescriptors());
 }

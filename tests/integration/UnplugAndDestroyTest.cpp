@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <functional>
 #include <future>
-#include <optional>
 #include <thread>
 
 #include "PhoneStory.h"
@@ -73,62 +72,17 @@ INSTANTIATE_TEST_SUITE_P(, PhoneUnplugged,
                                          Unplug{"MidStreamToAnIdleToolkit", PhoneStage::HandshakeDone, 0, 256 << 10}),
                          [](const testing::TestParamInfo<Unplug>& info) { return info.param.name; });
 
-// Rediscovery has no time limit: the search goes on until the phone is back
-// or the toolkit gives up, so here it is the toolkit that hears nothing.
-TEST_F(PhoneStory, PhonePulledWhileAwayIsFoundWhenPluggedBackInAccessoryMode) {
-    PhoneOptions options;
-    options.unplugAt = PhoneStage::Detached;
-    emuphone::EmulatedPhone& phone = Plug(options);
-    ToolkitConnection& connection = Connect(phone);
-    ASSERT_TRUE(toolkit->RunUntil([&] { return phone.Report().Reached(PhoneStage::Unplugged); }));
-    toolkit->RunFor(Ms(400));
-    EXPECT_FALSE(connection.Connected());
-    EXPECT_EQ(0, connection.Failure());
-    EXPECT_TRUE(connection.TimerPending()) << "the search stopped";
-
-    PhoneOptions back;
-    back.startInAccessoryMode = true;
-    emuphone::EmulatedPhone& again = Plug(back);
-    ASSERT_TRUE(RunUntilConnected(connection));
-    EXPECT_TRUE(Logged(connection, "Located device with matching serial number"));
-    EXPECT_TRUE(again.Report().Reached(PhoneStage::HandshakeDone));
-}
-
 struct DestroyPoint {
     const char* name;
     std::function<void(PhoneOptions&)> phone;
-    // Where to drive the connection first: a point in the phone's story, or connected.
+    // Where to drive the connection first: a point in the phone's story; without one, connected.
     std::function<bool(const emuphone::PhoneReport&)> until;
-    bool connected = false;
-    bool writing = false;
+    size_t writeBytes = 0; // then written
     int settleMs = 0;
     bool transferInFlight = true;
 };
 
-class DestroyedAt : public PhoneStory, public testing::WithParamInterface<DestroyPoint> {
-protected:
-    // How long connectionDestroy took, in milliseconds. One that hangs would
-    // hang the run: after kPatience the phone is pulled, which ends whatever
-    // the plug-in still waits for, and the time tells the failure.
-    double TimedDestroy(ToolkitConnection& connection, emuphone::EmulatedPhone& phone) {
-        static constexpr auto kPatience = std::chrono::seconds(5);
-        std::promise<void> returned;
-        std::thread watchdog([&phone, done = returned.get_future()] {
-            if (done.wait_for(kPatience) == std::future_status::timeout) {
-                phone.Unplug();
-            }
-        });
-        const auto start = std::chrono::steady_clock::now();
-        toolkit->Destroy(connection);
-        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-        returned.set_value();
-        watchdog.join();
-        return took.count();
-    }
-};
-
-// Never answered: the request stays in flight until the connection cancels it.
-PhoneOptions::ControlFault Unanswered(uint8_t request) { return {request, 1, 0}; }
+class DestroyedAt : public PhoneStory, public testing::WithParamInterface<DestroyPoint> {};
 
 bool Holding(const emuphone::PhoneReport& report) { return report.heldRequests > 0; }
 
@@ -136,6 +90,9 @@ std::function<bool(const emuphone::PhoneReport&)> Reached(PhoneStage stage) {
     return [stage](const emuphone::PhoneReport& report) { return report.Reached(stage); };
 }
 
+// A connectionDestroy that hangs would hang the run: after five seconds the
+// phone is pulled, which ends whatever the plug-in still waits for, and the
+// time it took tells the failure.
 TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
     const DestroyPoint& point = GetParam();
     PhoneOptions options;
@@ -146,20 +103,29 @@ TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
     ToolkitConnection& connection = Connect(phone);
     if (point.until) {
         ASSERT_TRUE(toolkit->RunUntil([&] { return point.until(phone.Report()); }));
-    }
-    if (point.connected) {
+    } else {
         ASSERT_TRUE(RunUntilConnected(connection));
     }
-    if (point.writing) {
-        EXPECT_EQ(16u << 20, toolkit->Write(connection, std::vector<uint8_t>(16 << 20, 0x5A)).length);
+    if (point.writeBytes != 0) {
+        EXPECT_EQ(point.writeBytes, toolkit->Write(connection, std::vector<uint8_t>(point.writeBytes, 0x5A)).length);
     }
     toolkit->RunFor(Ms(point.settleMs));
     EXPECT_EQ(0, connection.Failure());
     const int discardedBefore = phone.Report().discardedTransfers;
 
-    const double ms = TimedDestroy(connection, phone);
-    EXPECT_LT(ms, 2000) << "connectionDestroy took " << ms << " ms";
-    std::printf("[ figure ] connectionDestroy returned in %.1f ms\n", ms);
+    std::promise<void> returned;
+    std::thread watchdog([&phone, done = returned.get_future()] {
+        if (done.wait_for(std::chrono::seconds(5)) == std::future_status::timeout) {
+            phone.Unplug();
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    toolkit->Destroy(connection);
+    const std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - start;
+    returned.set_value();
+    watchdog.join();
+    EXPECT_LT(ms.count(), 2000) << "connectionDestroy took " << ms.count() << " ms";
+    std::printf("[ figure ] connectionDestroy returned in %.1f ms\n", ms.count());
     if (point.transferInFlight) {
         EXPECT_GT(phone.Report().discardedTransfers, discardedBefore);
     }
@@ -170,19 +136,17 @@ TEST_P(DestroyedAt, CancelsWhatIsInFlightAndReturns) {
 INSTANTIATE_TEST_SUITE_P(
     , DestroyedAt,
     testing::Values(
-        DestroyPoint{"RightAfterEstablish", nullptr, nullptr, false, false, 0, false},
-        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(51)}; }, Holding},
-        DestroyPoint{"IdentityStringUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(52)}; },
-                     Holding},
-        DestroyPoint{"StartRequestUnanswered", [](PhoneOptions& o) { o.controlFaults = {Unanswered(53)}; }, Holding},
+        DestroyPoint{"RightAfterEstablish", nullptr, [](const emuphone::PhoneReport&) { return true; }, 0, 0, false},
+        // Never answered: the request stays in flight until the connection cancels it.
+        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {{51, 1, 0}}; }, Holding},
         // Searching: nothing is in flight between the steps.
-        DestroyPoint{"WhilePhoneIsAway", [](PhoneOptions& o) { o.returnDelay = std::chrono::milliseconds(-1); },
-                     Reached(PhoneStage::Detached), false, false, 250, false},
+        DestroyPoint{"WhilePhoneIsAway", [](PhoneOptions& o) { o.returnDelay = Ms(-1); },
+                     Reached(PhoneStage::Detached), 0, 250, false},
         // The handshake read goes out with the claim.
         DestroyPoint{"AwaitingTheHandshake", [](PhoneOptions& o) { o.sendHandshake = false; },
                      Reached(PhoneStage::InterfaceClaimed)},
-        DestroyPoint{"ConnectedAndIdle", nullptr, nullptr, true},
-        DestroyPoint{"WriteHalfTaken", nullptr, nullptr, true, true, 50},
+        DestroyPoint{"ConnectedAndIdle", nullptr, nullptr},
+        DestroyPoint{"WriteHalfTaken", nullptr, nullptr, 16 << 20, 50},
         // The phone takes one byte of each transfer, at once: a completion
         // that leaves the rest of the write to send is always at hand.
         DestroyPoint{"WriteTakenAByteAtATime",
@@ -191,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
                          o.outCompletionCap = 1;
                          o.link = emuphone::LinkModel::Instant();
                      },
-                     nullptr, true, true, 50}),
+                     nullptr, 16 << 20, 50}),
     [](const testing::TestParamInfo<DestroyPoint>& info) { return info.param.name; });
 
 } // namespace
