@@ -57,18 +57,18 @@ protected:
     // A bulk IN URB, or with `vendorRequest` a vendor control request reading 2 bytes.
     int Submit(usbdevfs_urb& urb, uint8_t vendorRequest = 0)
     {
+        const unsigned char setup[8] = {0xC0, vendorRequest, 0, 0, 0, 0, 2, 0};
+        std::memcpy(buffer_, setup, sizeof setup);
+        return Send(urb, buffer_, vendorRequest ? sizeof setup + 2 : sizeof buffer_, vendorRequest ? 0 : kIn);
+    }
+    // A bulk URB of `length` bytes at `data` on `endpoint`, or on 0 a control URB.
+    int Send(usbdevfs_urb& urb, const void* data, size_t length, uint8_t endpoint = kOut)
+    {
         urb = {};
-        urb.buffer = buffer_;
-        if (vendorRequest) {
-            const unsigned char setup[8] = {0xC0, vendorRequest, 0, 0, 0, 0, 2, 0};
-            std::memcpy(buffer_, setup, sizeof setup);
-            urb.type = USBDEVFS_URB_TYPE_CONTROL;
-            urb.buffer_length = sizeof setup + 2;
-        } else {
-            urb.type = USBDEVFS_URB_TYPE_BULK;
-            urb.endpoint = kIn;
-            urb.buffer_length = sizeof buffer_;
-        }
+        urb.type = endpoint ? USBDEVFS_URB_TYPE_BULK : USBDEVFS_URB_TYPE_CONTROL;
+        urb.endpoint = endpoint;
+        urb.buffer = const_cast<void*>(data);
+        urb.buffer_length = static_cast<int>(length);
         return Call(USBDEVFS_SUBMITURB, &urb);
     }
     // Whether the node polls writable (a URB to reap) or hung up within `ms`.
@@ -76,16 +76,6 @@ protected:
     {
         pollfd p{fd_, POLLOUT, 0};
         return poll(&p, 1, ms) == 1;
-    }
-    // A bulk OUT URB of `length` bytes from `data`.
-    int Send(usbdevfs_urb& urb, const void* data, size_t length)
-    {
-        urb = {};
-        urb.type = USBDEVFS_URB_TYPE_BULK;
-        urb.endpoint = kOut;
-        urb.buffer = const_cast<void*>(data);
-        urb.buffer_length = static_cast<int>(length);
-        return Call(USBDEVFS_SUBMITURB, &urb);
     }
     // The reaped URB, or null with the errno in `error`.
     usbdevfs_urb* Reap(int& error)
@@ -185,9 +175,7 @@ TEST_P(UsbfsNode, UrbEndingsAreReapedWithTheKernelsStatus)
         ASSERT_EQ(0, Submit(urb, ending.vendorRequest));
         if (ending.end)
             ending.end(urb);
-        EXPECT_TRUE(Ready(1000));
-        int error = 0;
-        EXPECT_EQ(&urb, Reap(error)) << std::strerror(error);
+        ASSERT_TRUE(Reaped(urb));
         EXPECT_EQ(ending.status, urb.status);
     }
 }
@@ -227,9 +215,7 @@ TEST_P(UsbfsNode, HaltedEndpointFailsUrbsWithEpipeUntilTheHaltIsCleared)
     ASSERT_EQ(0, Claim(0));
     usbdevfs_urb urb;
     ASSERT_EQ(0, Submit(urb));
-    ASSERT_TRUE(Ready(1000));
-    int error = 0;
-    ASSERT_EQ(&urb, Reap(error));
+    ASSERT_TRUE(Reaped(urb));
     EXPECT_EQ(-EPIPE, urb.status);
     unsigned int endpoint = kIn;
     ASSERT_EQ(0, Call(USBDEVFS_CLEAR_HALT, &endpoint));
