@@ -104,6 +104,9 @@ protected:
     }
 
     void TearDown() override {
+        for (ToolkitConnection* connection : established) {
+            Destroy(*connection);
+        }
         toolkit.Terminate();
         ExpectNothingHeld();
         fakeusb::Reset();
@@ -115,9 +118,19 @@ protected:
         EXPECT_EQ(descriptors, OpenDescriptors());
     }
 
+    // Destroys a connection wherever its story left it: the completions that
+    // the teardown delivers find nothing out of place and start nothing.
+    void Destroy(ToolkitConnection& connection) {
+        const size_t before = connection.Log().size();
+        toolkit.Destroy(connection);
+        EXPECT_THAT(std::vector<std::string>(connection.Log().begin() + static_cast<long>(before), connection.Log().end()),
+                    testing::Each(testing::Not(testing::AnyOf(testing::HasSubstr("not expected"),
+                                                              testing::Eq("Closing so not starting new read")))));
+    }
+
     // For tests that tell several stories: ends this one and clears the bus.
     void NextStory(ToolkitConnection& connection) {
-        toolkit.Destroy(connection);
+        Destroy(connection);
         ExpectNothingHeld();
         fakeusb::Reset();
         returned.clear();
@@ -152,6 +165,7 @@ protected:
         }
         ToolkitConnection& connection = toolkit.CreateConnection(fields);
         EXPECT_EQ(expected, toolkit.Establish(connection));
+        established.push_back(&connection);
         return connection;
     }
 
@@ -195,6 +209,7 @@ protected:
 
     Toolkit toolkit{{KestoBearerInitialize}};
     int phone = -1;
+    std::vector<ToolkitConnection*> established; // each destroyed at the latest by TearDown
     std::vector<int> returned; // the phone's ids after re-enumeration
     size_t controlRequests = 0;
     int descriptors = 0;
