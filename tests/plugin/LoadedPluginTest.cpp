@@ -1,7 +1,11 @@
+// The shipped plug-in as a toolkit loads it: by path, keeping its symbols to
+// itself, and unloading it once the bearer is gone. What else it exports is
+// PluginExportsOnlyItsEntryPoint's to tell; its properties are the unit tier's,
+// and every integration story drives a bearer it found with dlsym. What stays
+// here: an exception thrown across the shipped object's fence, and the unload.
 #include <dlfcn.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstddef>
@@ -10,64 +14,28 @@
 
 #include "harness/Toolkit.h"
 
-using testing::ElementsAre;
-
 namespace {
-// Armed by a test to make the process's next throwing allocation fail. The
+// Armed by the test to make the process's next throwing allocation fail. The
 // plug-in's allocations reach this process's operator new too.
 std::atomic<bool> failNextAllocation{false};
-
-using AllocateFn = void* (*)(std::size_t);
-
-// The operator new this one stands in front of (the C++ runtime's or a
-// sanitizer's), so that every allocation still meets its own operator delete.
-AllocateFn NextOperatorNew() {
-    static const auto next =
-        reinterpret_cast<AllocateFn>(dlsym(RTLD_NEXT, sizeof(std::size_t) == 8 ? "_Znwm" : "_Znwj"));
-    return next;
-}
 } // namespace
 
+// In front of the C++ runtime's operator new or a sanitizer's, so that every
+// allocation still meets its own operator delete.
 void* operator new(std::size_t size) {
+    using AllocateFn = void* (*)(std::size_t);
+    static const auto next =
+        reinterpret_cast<AllocateFn>(dlsym(RTLD_NEXT, sizeof(std::size_t) == 8 ? "_Znwm" : "_Znwj"));
     if (failNextAllocation.exchange(false)) {
         throw std::bad_alloc();
     }
-    return NextOperatorNew()(size);
+    return next(size);
 }
 
-namespace {
-
-using Library = std::unique_ptr<void, int (*)(void*)>;
-
-// The plug-in as a toolkit loads it: by path, keeping its symbols to itself,
-// and unloading it after the bearer is gone.
-class LoadedPlugin : public testing::Test {
-protected:
-    static Library Open() {
-        void* library = dlopen(KESTO_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr) {
-            ADD_FAILURE() << dlerror();
-        }
-        return Library(library, dlclose);
-    }
-
-    static Toolkit::Options EntryPointOf(void* library) {
-        Toolkit::Options options{nullptr};
-        if (library != nullptr) {
-            options.initialize = reinterpret_cast<KestoBearerInitializeFn>(dlsym(library, "KestoBearerInitialize"));
-        }
-        return options;
-    }
-
-    Library library = Open();
-    Toolkit toolkit{EntryPointOf(library.get())};
-};
-
-// What else the plug-in exports is PluginExportsOnlyItsEntryPoint's to tell;
-// its properties are the unit tier's, and every integration story drives a
-// bearer it found with dlsym. What stays here: an exception thrown across the
-// shipped object's fence, and unloading it once the bearer is gone.
-TEST_F(LoadedPlugin, ToolkitOutOfMemoryForANewConnectionGetsAFailureAndNoHandle) {
+TEST(LoadedPlugin, ToolkitOutOfMemoryForANewConnectionGetsAFailureAndNoHandle) {
+    const std::unique_ptr<void, int (*)(void*)> library(dlopen(KESTO_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL), dlclose);
+    ASSERT_NE(nullptr, library) << dlerror();
+    Toolkit toolkit({reinterpret_cast<KestoBearerInitializeFn>(dlsym(library.get(), "KestoBearerInitialize"))});
     ASSERT_NE(nullptr, toolkit.Bearer());
     ToolkitConnection& phone = toolkit.AddConnection();
     void* const untouched = &phone;
@@ -78,7 +46,5 @@ TEST_F(LoadedPlugin, ToolkitOutOfMemoryForANewConnectionGetsAFailureAndNoHandle)
     failNextAllocation = false;
     EXPECT_EQ(untouched, handle);
     EXPECT_THAT(toolkit.BearerLog(),
-                ElementsAre("KestoBearerImpl::CreateConnection caught exception: std::bad_alloc\n"));
+                testing::ElementsAre("KestoBearerImpl::CreateConnection caught exception: std::bad_alloc\n"));
 }
-
-} // namespace
