@@ -11,7 +11,6 @@
 namespace {
 
 constexpr size_t kWord = sizeof(void*);
-constexpr size_t kInterfaceSlots = sizeof(KestoBearerInterface) / kWord;
 constexpr size_t kSupportSlots = sizeof(KestoBearerSupportAPI) / kWord;
 constexpr uintptr_t kUntouched = 0x5A5A5A5A;
 
@@ -91,21 +90,6 @@ TEST_F(BearerTables, ToolkitTableGetsTheWholeSlotsItsSizeHoldsAndNothingBeyond) 
 TEST_F(BearerTables, ShortSupportTableLeavesTheMissingSlotsNullAndALongOneIsCutAtNine) {
     const SizeCase cases[] = {{0, 0}, {5 * kWord, 5}, {8 * kWord, 8}, {9 * kWord, 9}, {25 * kWord, 9}};
     for (const SizeCase& c : cases) {
-        ExpectSupportCopied(c);
-    }
-}
-
-TEST_F(BearerTables, ThirtyTwoBitToolkitSizesApplyLiterally) {
-    if (kWord != 4) {
-        GTEST_SKIP() << "these sizes are those of a 32-bit toolkit";
-    }
-    ASSERT_EQ(11u, kInterfaceSlots);
-    ASSERT_EQ(44u, sizeof(KestoBearerInterface));
-    ASSERT_EQ(36u, sizeof(KestoBearerSupportAPI));
-    for (const SizeCase& c : {SizeCase{12, 3}, SizeCase{43, 10}, SizeCase{44, 11}, SizeCase{100, 11}}) {
-        ExpectInterfaceFilled(c);
-    }
-    for (const SizeCase& c : {SizeCase{20, 5}, SizeCase{100, 9}}) {
         ExpectSupportCopied(c);
     }
 }
