@@ -6,14 +6,6 @@
 
 namespace fakeusb {
 
-namespace {
-
-auto Tie(const Outstanding& o) {
-    return std::tie(o.contexts, o.deviceLists, o.deviceRefs, o.openHandles, o.transfers, o.configDescriptors);
-}
-
-} // namespace
-
 Outstanding Outstanding::Now() {
     return detail::Locked([](detail::World& w) {
         Outstanding o;
@@ -34,7 +26,8 @@ Outstanding Outstanding::Now() {
 }
 
 bool operator==(const Outstanding& a, const Outstanding& b) {
-    return Tie(a) == Tie(b);
+    return std::tie(a.contexts, a.deviceLists, a.deviceRefs, a.openHandles, a.transfers, a.configDescriptors) ==
+           std::tie(b.contexts, b.deviceLists, b.deviceRefs, b.openHandles, b.transfers, b.configDescriptors);
 }
 
 std::ostream& operator<<(std::ostream& out, const Outstanding& o) {

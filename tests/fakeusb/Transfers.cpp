@@ -1,7 +1,5 @@
 #include "fakeusb/Transfers.h"
 
-#include <algorithm>
-
 #include "fakeusb/World.h"
 
 namespace fakeusb {
@@ -47,13 +45,12 @@ std::vector<Submission> Transfers::Submitted() {
 
 std::vector<Submission> Transfers::InFlight() {
     return Locked([](World& w) {
-        std::vector<int> ids;
+        std::set<int> ids;
         for (auto& [transfer, state] : w.transfers) {
             if (state.phase == TransferState::Phase::InFlight) {
-                ids.push_back(state.submissionId);
+                ids.insert(state.submissionId);
             }
         }
-        std::sort(ids.begin(), ids.end());
         std::vector<Submission> inFlight;
         for (int id : ids) {
             inFlight.push_back(w.submissions[id - 1]);
