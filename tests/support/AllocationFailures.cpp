@@ -50,9 +50,6 @@ constexpr std::string_view kPlugin[] = {"Kesto",     "LibUSB",         "FD",    
 // Judged by the outermost name of a symbol: its class or namespace, or the
 // function itself. The standard library and this file are passed over.
 Owner OwnerOf(const char* symbol) {
-    if (symbol == nullptr) {
-        return Owner::Other;
-    }
     std::string_view outer = symbol;
     if (outer.substr(0, 2) == "_Z") {
         size_t i = 2 + (symbol[2] == 'Z');
