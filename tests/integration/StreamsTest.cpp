@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -23,8 +22,6 @@ namespace {
 constexpr int kSignals[] = {SIGUSR1, SIGALRM, SIGCHLD};
 std::atomic<uint64_t> gDelivered{0};
 
-void Count(int) { gDelivered.fetch_add(1, std::memory_order_relaxed); }
-
 // Signals with handlers, sent again and again to every thread of the process,
 // as a toolkit's own timers and child processes send them. The handlers are
 // installed without SA_RESTART, so a call that was waiting fails with EINTR,
@@ -34,14 +31,22 @@ class SignalStorm {
 public:
     SignalStorm() {
         struct sigaction action {};
-        action.sa_handler = Count;
-        sigemptyset(&action.sa_mask);
+        action.sa_handler = [](int) { gDelivered.fetch_add(1, std::memory_order_relaxed); };
         for (int signal : kSignals) {
-            if (sigaction(signal, &action, nullptr) != 0) {
-                std::abort();
-            }
+            sigaction(signal, &action, nullptr);
         }
-        sender_ = std::thread([this] { Send(); });
+        // The threads are listed afresh each round, as the plug-in and libusb start
+        // theirs as they go; a round every 300 us cuts every wait short many times.
+        sender_ = std::thread([this] {
+            std::error_code error;
+            for (size_t round = 0; !stop_; ++round) {
+                for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+                    const pid_t thread = static_cast<pid_t>(std::stol(task.path().filename().string()));
+                    sent += tgkill(getpid(), thread, kSignals[round % std::size(kSignals)]) == 0;
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(300));
+            }
+        });
     }
     ~SignalStorm() {
         stop_ = true;
@@ -51,20 +56,6 @@ public:
     std::atomic<uint64_t> sent{0};
 
 private:
-    // The threads are listed afresh each round, as the plug-in and libusb start
-    // theirs as they go; a round every 300 us cuts every wait short many times.
-    void Send() {
-        const pid_t process = getpid();
-        std::error_code error;
-        for (size_t round = 0; !stop_; ++round) {
-            for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
-                const pid_t thread = static_cast<pid_t>(std::stol(task.path().filename().string()));
-                sent += tgkill(process, thread, kSignals[round % std::size(kSignals)]) == 0;
-            }
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
-    }
-
     std::atomic<bool> stop_{false};
     std::thread sender_;
 };

@@ -142,9 +142,6 @@ INSTANTIATE_TEST_SUITE_P(
         // Searching: nothing is in flight between the steps.
         DestroyPoint{"WhilePhoneIsAway", [](PhoneOptions& o) { o.returnDelay = Ms(-1); },
                      Reached(PhoneStage::Detached), 0, 250, false},
-        // The handshake read goes out with the claim.
-        DestroyPoint{"AwaitingTheHandshake", [](PhoneOptions& o) { o.sendHandshake = false; },
-                     Reached(PhoneStage::InterfaceClaimed)},
         DestroyPoint{"ConnectedAndIdle", nullptr, nullptr},
         DestroyPoint{"WriteHalfTaken", nullptr, nullptr, 16 << 20, 50},
         // The phone takes one byte of each transfer, at once: a completion
