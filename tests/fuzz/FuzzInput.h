@@ -37,7 +37,7 @@ private:
     size_t offset = 0;
 };
 
-// KESTO_FUZZ_TRACE=1 prints each action and the plug-in's log, to follow one input's story.
+// KESTO_FUZZ_TRACE=1: to follow one input's story.
 inline bool Traced() {
     static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
     return trace;

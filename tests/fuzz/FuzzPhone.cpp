@@ -15,8 +15,7 @@ const std::vector<uint8_t> kHostHandshake{0xFF, 0xFF, 0x00, 0x00, 0x0A, 0x0A, 'H
 // cancellation failed: the device then ends it, as a real one would.
 constexpr int kPassesBeforeDeviceGives = 2;
 
-// libusb's statuses: completed, error, timed out, cancelled (as when the kernel
-// kills a transfer the plug-in never cancelled), stall, no device, overflow.
+// libusb's seven: cancelled too, as when the kernel kills a transfer unasked.
 int Status(FuzzInput& in) { return in.U8() % 7; }
 
 // Never 0xFF, so the phone's data never looks like its handshake by chance.
@@ -110,21 +109,19 @@ void FuzzPhone::Answer(FuzzInput& in) {
     }
 }
 
-// mode 1: the chunk begins with the phone's handshake; mode 2: then up to 32
-// bytes from the input, else a pattern up to the given length. A device fills
-// an endpoint's reads in the order they were queued.
+// A device fills an endpoint's reads in the order they were queued.
 void FuzzPhone::Send(FuzzInput& in) {
     const int status = Status(in);
     const uint8_t mode = in.U8();
     std::vector<uint8_t> chunk = mode & 1 ? kDeviceHandshake : std::vector<uint8_t>{};
-    const std::vector<uint8_t> literal = mode & 2 ? in.Bytes(in.U8() % 33) : std::vector<uint8_t>{};
+    const std::vector<uint8_t> literal = in.Bytes(mode & 2 ? in.U8() % 33 : 0);
+    chunk.insert(chunk.end(), literal.begin(), literal.end());
     const size_t length = mode & 2 ? 0 : in.U16();
     std::optional<Submission> s = Oldest(false, true);
     if (!s) {
         return;
     }
     changes++;
-    chunk.insert(chunk.end(), literal.begin(), literal.end());
     while (chunk.size() < std::min<size_t>(length, static_cast<size_t>(s->length))) {
         chunk.push_back(PhoneByte(sent.size() + chunk.size()));
     }
@@ -202,7 +199,6 @@ void FuzzPhone::OnSubmission(const Submission& s) {
     bulkSeen = bulkSeen || !s.IsControl();
     if (!s.IsControl() && !s.IsIn()) {
         Match();
-        writes++;
-        lastWrite = s.data;
+        newWrite = s.data;
     }
 }

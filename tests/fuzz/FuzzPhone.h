@@ -20,7 +20,6 @@ public:
 
     void Plug(FuzzInput& in);
     void Unplug(FuzzInput& in);
-    // The phone ends the control transfer, the oldest read, or the write.
     void Answer(FuzzInput& in);
     void Send(FuzzInput& in);
     void Take(FuzzInput& in);
@@ -28,7 +27,10 @@ public:
     void SetTimeout(FuzzInput& in);
 
     // The next action begins.
-    void CallBegins() { eventPasses = 0; }
+    void CallBegins() {
+        eventPasses = 0;
+        newWrite.reset();
+    }
     // The toolkit read these: the next bytes the phone sent after its handshake.
     void Delivered(const uint8_t* bytes, uint32_t count);
     // What the toolkit writes next: a pattern that shows loss and reordering.
@@ -42,8 +44,8 @@ public:
     bool Searching() const { return switchAccepted && !bulkSeen; }
     // How often the phone has ended a transfer or been pulled out.
     int Changes() const { return changes; }
-    int Writes() const { return writes; }
-    const std::vector<uint8_t>& LastWrite() const { return lastWrite; }
+    // The bulk write submitted during this action, if any.
+    const std::optional<std::vector<uint8_t>>& NewWrite() const { return newWrite; }
 
 private:
     static std::optional<fakeusb::Submission> Oldest(bool control, bool in);
@@ -64,6 +66,5 @@ private:
     // Bulk OUT: the host handshake and the accepted writes, and how much of it the phone has.
     std::vector<uint8_t> expected;
     size_t received = 0;
-    int writes = 0;
-    std::vector<uint8_t> lastWrite;
+    std::optional<std::vector<uint8_t>> newWrite;
 };

@@ -27,7 +27,6 @@ int Code(int code) {
     return code;
 }
 
-// The input's first byte: bit 0 turns the connection log off.
 standin::Toolkit::Options Loading(FuzzInput& in, standin::ToolkitListener* listener) {
     standin::Toolkit::Options options{KestoBearerInitialize};
     options.connectionLog = (in.U8() & 1) == 0;
@@ -66,10 +65,9 @@ void FuzzToolkit::PluginLine(const char*, const char* text) {
     }
 }
 
-void FuzzToolkit::Status(const standin::ToolkitConnection&, int status) {
-    Check((status == 3 && lastStatus == 0) || (status == 4 && lastStatus == 3 && phone.Matched()),
+void FuzzToolkit::Status(const standin::ToolkitConnection& reported, int) {
+    Check(reported.Statuses() == std::vector<int>{3} || (reported.Statuses() == std::vector<int>{3, 4} && phone.Matched()),
           "connecting is reported once, then connected once, after the handshake");
-    lastStatus = status;
 }
 
 // Once failed for good, a connection says so on every call: after a failed
@@ -86,7 +84,7 @@ int FuzzToolkit::Reported(int code) {
 
 void FuzzToolkit::Establish() {
     const int code = Code(Api().connectionEstablish(connection.Handle()));
-    Check(code != 0 || lastStatus == 3, "an establish under way has reported connecting");
+    Check(code != 0 || connection.Statuses() == std::vector<int>{3}, "an establish under way has reported connecting");
     failure = establishCalled || failure != 0 ? failure : code; // a second establish fails alone
     establishCalled = true;
 }
@@ -102,9 +100,8 @@ void FuzzToolkit::GetActivity() {
         // A descriptor that hung up is seen twice, then no longer watched.
         const bool idle = phone.Changes() == changesSeen && fakeusb::Events::QueuedCompletions() == 0;
         idleCalls = idle ? idleCalls + 1 : 0;
-        int handle = -1;
-        Api().connectionGetEventHandle(connection.Handle(), &handle, nullptr);
-        pollfd ready{handle, POLLIN, 0};
+        GetEventHandle(false);
+        pollfd ready{eventHandle, POLLIN, 0};
         int readable;
         while ((readable = poll(&ready, 1, 0)) < 0 && errno == EINTR) {
             // libFuzzer's time-out alarm: a poll that finds nothing ready then fails with EINTR
@@ -136,12 +133,11 @@ void FuzzToolkit::Read(uint32_t capacity) {
 // The stand-in overwrites its buffer after the call: the plug-in must have copied it.
 void FuzzToolkit::Write(uint32_t length) {
     const std::vector<uint8_t> bytes = phone.WriteBytes(length);
-    const int writes = phone.Writes();
     const standin::Toolkit::Transfer put = toolkit.Write(connection, bytes);
     const int code = Code(put.result);
-    const bool sent = phone.Writes() > writes;
+    const std::optional<std::vector<uint8_t>>& sent = phone.NewWrite();
     if (code == 0 && put.length == length && (length > 0 || sent)) {
-        Check(sent && phone.LastWrite() == bytes, "a write that returns 0 with its length has sent the bytes");
+        Check(sent == bytes, "a write that returns 0 with its length has sent the bytes");
         phone.Accepted(bytes);
     } else {
         Check(put.length == 0 && !sent, "a write not taken sets the length to 0 and sends nothing");

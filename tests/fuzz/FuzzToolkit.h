@@ -24,7 +24,6 @@ public:
     void Read(uint32_t capacity);
     void Write(uint32_t length);
     void GetEventHandle(bool extra);
-    // Bit 7: the bearer's; the number is the low bits less 8.
     void Property(uint8_t which);
     void Destroy();
 
@@ -42,7 +41,6 @@ private:
     bool establishCalled = false;
     int failure = 0; // the error the connection reports for good, 0 while none
     int eventHandle = -1;
-    int lastStatus = 0;
     // GetActivity calls in a row with the phone still and nothing for libusb to do.
     int idleCalls = 0;
     int changesSeen = -1;
