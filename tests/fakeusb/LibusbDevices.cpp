@@ -20,8 +20,8 @@ using namespace fakeusb::detail;
 
 namespace {
 
-// Only the fields the code under test reads: the layout, the class triples
-// and the endpoints. The deques keep each array in place as more are added.
+// The layout, the class triples and the endpoints; no strings, no extra
+// descriptors. The deques keep each array in place as more are added.
 std::unique_ptr<ConfigStorage> BuildConfig(const DeviceSpec& device) {
     auto s = std::make_unique<ConfigStorage>();
     for (const fakeusb::Interface& alts : device.interfaces) {
@@ -32,15 +32,9 @@ std::unique_ptr<ConfigStorage> BuildConfig(const DeviceSpec& device) {
                 endpoints.push_back({LIBUSB_DT_ENDPOINT_SIZE, LIBUSB_DT_ENDPOINT, e.address, e.type,
                                      e.maxPacketSize, 0, 0, 0, nullptr, 0});
             }
-            libusb_interface_descriptor d{};
-            d.bInterfaceNumber = alt.interfaceNumber;
-            d.bAlternateSetting = alt.alternateSetting;
-            d.bNumEndpoints = static_cast<uint8_t>(endpoints.size());
-            d.bInterfaceClass = alt.interfaceClass;
-            d.bInterfaceSubClass = alt.interfaceSubClass;
-            d.bInterfaceProtocol = alt.interfaceProtocol;
-            d.endpoint = endpoints.empty() ? nullptr : endpoints.data();
-            settings.push_back(d);
+            settings.push_back({LIBUSB_DT_INTERFACE_SIZE, LIBUSB_DT_INTERFACE, alt.interfaceNumber, alt.alternateSetting,
+                                static_cast<uint8_t>(endpoints.size()), alt.interfaceClass, alt.interfaceSubClass,
+                                alt.interfaceProtocol, 0, endpoints.empty() ? nullptr : endpoints.data(), nullptr, 0});
         }
         s->interfaces.push_back(libusb_interface{settings.data(), static_cast<int>(settings.size())});
     }
