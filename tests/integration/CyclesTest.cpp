@@ -43,28 +43,23 @@ size_t HeapInUse() {
 // The phone sends its handshake once per enumeration, so from the second
 // connection on the test plays that part; its echo application then returns
 // the host's handshake as the first bytes of the stream.
-testing::AssertionResult Cycle(emuphone::EmulatedPhone& phone, int number) {
+void Cycle(emuphone::EmulatedPhone& phone, int number) {
+    SCOPED_TRACE(testing::Message() << "cycle " << number);
     Toolkit toolkit(PluginToolkit());
     if (number > 0) {
         phone.WriteToHost(kDeviceHandshake);
     }
     ToolkitConnection& connection = toolkit.CreateConnection(At(phone));
-    if (toolkit.Establish(connection) != 0 || !RunUntilConnected(toolkit, connection)) {
-        return testing::AssertionFailure() << "cycle " << number << ": not connected";
-    }
+    ASSERT_EQ(0, toolkit.Establish(connection));
+    ASSERT_TRUE(RunUntilConnected(toolkit, connection));
     if (number > 0) {
         std::vector<uint8_t> echoed;
         toolkit.RunUntil([&] { return !(echoed = toolkit.Read(connection, 64).bytes).empty(); });
-        if (echoed != kHostHandshake) {
-            return testing::AssertionFailure() << "cycle " << number << ": the echoed host handshake is missing";
-        }
+        ASSERT_EQ(kHostHandshake, echoed);
     }
     const EchoRun run = Echo(toolkit, connection, kBytesPerCycle);
-    if (run.error != 0 || run.returned != kBytesPerCycle) {
-        return testing::AssertionFailure() << "cycle " << number << ": echo ended with error " << run.error
-                                           << " after " << run.returned << " bytes";
-    }
-    return testing::AssertionSuccess();
+    ASSERT_EQ(0, run.error);
+    ASSERT_EQ(kBytesPerCycle, run.returned);
 }
 
 TEST(ConnectionCycles, TwoHundredGiveBackEveryDescriptorAndAllMemory) {
@@ -75,14 +70,14 @@ TEST(ConnectionCycles, TwoHundredGiveBackEveryDescriptorAndAllMemory) {
 
     // Once-only allocations (libusb, libudev, the dynamic loader) happen here.
     for (int i = 0; i < kWarmUpCycles; ++i) {
-        ASSERT_TRUE(Cycle(phone, i));
+        ASSERT_NO_FATAL_FAILURE(Cycle(phone, i));
     }
     // The last cycle's late closes: the count is taken once it holds still.
     const int descriptors = OpenDescriptorsOnceSettled(-1);
     const size_t heap = HeapInUse();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < kCycles; ++i) {
-        ASSERT_TRUE(Cycle(phone, kWarmUpCycles + i));
+        ASSERT_NO_FATAL_FAILURE(Cycle(phone, kWarmUpCycles + i));
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
