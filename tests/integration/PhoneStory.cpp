@@ -50,11 +50,6 @@ Toolkit::Fields At(const emuphone::EmulatedPhone& phone) {
     return {{"bus", std::to_string(phone.BusNumber())}, {"dev", std::to_string(phone.Address())}};
 }
 
-bool Logged(const ToolkitConnection& connection, const std::string& text) {
-    const std::vector<std::string>& log = connection.Log();
-    return std::any_of(log.begin(), log.end(), [&](const std::string& line) { return line.find(text) != line.npos; });
-}
-
 bool RunUntilConnected(Toolkit& toolkit, ToolkitConnection& connection, Ms timeout) {
     return toolkit.RunUntil([&] { return connection.Connected() || connection.Failure() != 0; }, timeout) &&
            connection.Connected();

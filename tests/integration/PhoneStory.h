@@ -23,7 +23,6 @@ std::vector<std::string> OpenDescriptors();
 int OpenDescriptorsOnceSettled(int expected);
 
 Toolkit::Fields At(const emuphone::EmulatedPhone& phone);
-bool Logged(const ToolkitConnection& connection, const std::string& text);
 bool RunUntilConnected(Toolkit& toolkit, ToolkitConnection& connection, Ms timeout = Ms(5000));
 
 // The toolkit's side of a stream to the phone's echo application.

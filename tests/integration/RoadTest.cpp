@@ -8,13 +8,10 @@
 #include <cstdio>
 #include <thread>
 
-#include <gmock/gmock.h>
-
 #include "PhoneStory.h"
 
 using emuphone::PhoneOptions;
 using emuphone::PhoneStage;
-using testing::ElementsAre;
 
 TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     PhoneOptions options;
@@ -22,12 +19,6 @@ TEST_F(PhoneStory, WholeRoadThenSixtyFourMegabytesEchoedOnAHighSpeedLink) {
     emuphone::EmulatedPhone& phone = Plug(options);
     ToolkitConnection& connection = Connect(phone);
     ASSERT_TRUE(RunUntilConnected(connection));
-
-    EXPECT_THAT(connection.Statuses(), ElementsAre(KestoConnectionStatusConnecting, KestoConnectionStatusConnected));
-    EXPECT_TRUE(Logged(connection, "Device supports Android Accessory Protocol version 2"));
-    EXPECT_TRUE(Logged(connection, "Located device with matching serial number"));
-    EXPECT_EQ("Norvane", phone.Report().identity[0].value_or(""));
-    EXPECT_EQ("serial_number", phone.Report().identity[5].value_or(""));
     EXPECT_TRUE(phone.Report().Reached(PhoneStage::HandshakeDone));
 
     const uint64_t total = 64ull << 20;
@@ -79,7 +70,6 @@ TEST_F(PhoneStory, PhonePulledWhileAwayIsFoundWhenPluggedBackPastATwinAndAStrang
     emuphone::EmulatedPhone& last = Plug(stranger);
     std::this_thread::sleep_for(Ms(150));
     ASSERT_TRUE(RunUntilConnected(connection));
-    EXPECT_TRUE(Logged(connection, "Located device with matching serial number"));
     EXPECT_TRUE(again.Report().Reached(PhoneStage::HandshakeDone));
     EXPECT_FALSE(other.Report().Reached(PhoneStage::InterfaceClaimed));
     EXPECT_FALSE(last.Report().Reached(PhoneStage::InterfaceClaimed));
