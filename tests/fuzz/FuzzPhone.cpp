@@ -67,7 +67,13 @@ DeviceSpec ReadDevice(FuzzInput& in) {
 FuzzPhone::FuzzPhone() : expected(kHostHandshake) {
     fakeusb::Reset();
     fakeusb::Events::AnnounceDeviceDescriptors();
-    Transfers::SetResponder([this](const Submission& s) { OnSubmission(s); });
+    Transfers::SetResponder([this](const Submission& s) {
+        bulkSeen = bulkSeen || !s.IsControl();
+        if (!s.IsControl() && !s.IsIn()) {
+            Match();
+            newWrite = s.data;
+        }
+    });
     fakeusb::Events::SetHandleEventsHook([this] {
         if (++eventPasses > kPassesBeforeDeviceGives) {
             for (const Submission& s : Transfers::InFlight()) {
@@ -89,9 +95,11 @@ void FuzzPhone::Unplug(FuzzInput& in) {
     }
 }
 
-std::optional<Submission> FuzzPhone::Oldest(bool control, bool in) {
+// The oldest such transfer in flight, which the phone is about to end.
+std::optional<Submission> FuzzPhone::Ending(bool control, bool in) {
     for (const Submission& s : Transfers::InFlight()) {
         if (s.IsControl() == control && (control || s.IsIn() == in)) {
+            changes++;
             return s;
         }
     }
@@ -102,8 +110,7 @@ std::optional<Submission> FuzzPhone::Oldest(bool control, bool in) {
 void FuzzPhone::Answer(FuzzInput& in) {
     const int status = Status(in);
     const std::vector<uint8_t> reply = in.Bytes(in.U8() % 3);
-    if (std::optional<Submission> s = Oldest(true, false)) {
-        changes++;
+    if (std::optional<Submission> s = Ending(true, false)) {
         Transfers::Complete(s->id, status, s->IsIn() ? reply : std::vector<uint8_t>{});
         switchAccepted = switchAccepted || (s->setup.request == 53 && status == LIBUSB_TRANSFER_COMPLETED);
     }
@@ -117,19 +124,16 @@ void FuzzPhone::Send(FuzzInput& in) {
     const std::vector<uint8_t> literal = in.Bytes(mode & 2 ? in.U8() % 33 : 0);
     chunk.insert(chunk.end(), literal.begin(), literal.end());
     const size_t length = mode & 2 ? 0 : in.U16();
-    std::optional<Submission> s = Oldest(false, true);
-    if (!s) {
-        return;
-    }
-    changes++;
-    while (chunk.size() < std::min<size_t>(length, static_cast<size_t>(s->length))) {
-        chunk.push_back(PhoneByte(sent.size() + chunk.size()));
-    }
-    chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
-    Transfers::Complete(s->id, status, chunk);
-    if (!chunk.empty()) {
-        lastChunk = static_cast<long>(sent.size());
-        sent.insert(sent.end(), chunk.begin(), chunk.end());
+    if (std::optional<Submission> s = Ending(false, true)) {
+        while (chunk.size() < std::min<size_t>(length, static_cast<size_t>(s->length))) {
+            chunk.push_back(PhoneByte(sent.size() + chunk.size()));
+        }
+        chunk.resize(std::min<size_t>(chunk.size(), static_cast<size_t>(s->length)));
+        Transfers::Complete(s->id, status, chunk);
+        if (!chunk.empty()) {
+            lastChunk = static_cast<long>(sent.size());
+            sent.insert(sent.end(), chunk.begin(), chunk.end());
+        }
     }
 }
 
@@ -138,8 +142,7 @@ void FuzzPhone::Send(FuzzInput& in) {
 void FuzzPhone::Take(FuzzInput& in) {
     const int status = Status(in);
     const uint16_t partial = in.U16();
-    if (std::optional<Submission> s = Oldest(false, false)) {
-        changes++;
+    if (std::optional<Submission> s = Ending(false, false)) {
         const size_t length = s->data.size();
         const size_t taken = partial & 0x8000 ? (partial & 0x7FFF) % (length + 1)
                              : status == LIBUSB_TRANSFER_COMPLETED ? length : 0;
@@ -193,12 +196,4 @@ std::vector<uint8_t> FuzzPhone::WriteBytes(uint32_t count) const {
         bytes[i] = static_cast<uint8_t>((expected.size() + i) * 7 + 1);
     }
     return bytes;
-}
-
-void FuzzPhone::OnSubmission(const Submission& s) {
-    bulkSeen = bulkSeen || !s.IsControl();
-    if (!s.IsControl() && !s.IsIn()) {
-        Match();
-        newWrite = s.data;
-    }
 }

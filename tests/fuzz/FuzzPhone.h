@@ -48,8 +48,7 @@ public:
     const std::optional<std::vector<uint8_t>>& NewWrite() const { return newWrite; }
 
 private:
-    static std::optional<fakeusb::Submission> Oldest(bool control, bool in);
-    void OnSubmission(const fakeusb::Submission& s);
+    std::optional<fakeusb::Submission> Ending(bool control, bool in);
     void Match();
 
     std::vector<int> plugged;

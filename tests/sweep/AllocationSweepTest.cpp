@@ -127,13 +127,11 @@ Journey Travel(int n) {
     PlugPhone();
     AllocationFailures::Sweep(n);
     std::string ending = "whole road";
-    {
+    try {
         Toolkit toolkit({KestoBearerInitialize});
-        try {
-            Drive(toolkit);
-        } catch (const std::string& early) {
-            ending = early;
-        }
+        Drive(toolkit);
+    } catch (const std::string& early) { // the toolkit is gone, its strings checked
+        ending = early;
     }
     const Journey run{ending, AllocationFailures::SweepSeen(), AllocationFailures::FailedSite()};
     AllocationFailures::Reset();
