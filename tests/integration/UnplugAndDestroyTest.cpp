@@ -84,12 +84,6 @@ struct DestroyPoint {
 
 class DestroyedAt : public PhoneStory, public testing::WithParamInterface<DestroyPoint> {};
 
-bool Holding(const emuphone::PhoneReport& report) { return report.heldRequests > 0; }
-
-std::function<bool(const emuphone::PhoneReport&)> Reached(PhoneStage stage) {
-    return [stage](const emuphone::PhoneReport& report) { return report.Reached(stage); };
-}
-
 // A connectionDestroy that hangs would hang the run: after five seconds the
 // phone is pulled, which ends whatever the plug-in still waits for, and the
 // time it took tells the failure.
@@ -138,10 +132,11 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         DestroyPoint{"RightAfterEstablish", nullptr, [](const emuphone::PhoneReport&) { return true; }, 0, 0, false},
         // Never answered: the request stays in flight until the connection cancels it.
-        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {{51, 1, 0}}; }, Holding},
+        DestroyPoint{"VersionQueryUnanswered", [](PhoneOptions& o) { o.controlFaults = {{51, 1, 0}}; },
+                     [](const emuphone::PhoneReport& r) { return r.heldRequests > 0; }},
         // Searching: nothing is in flight between the steps.
         DestroyPoint{"WhilePhoneIsAway", [](PhoneOptions& o) { o.returnDelay = Ms(-1); },
-                     Reached(PhoneStage::Detached), 0, 250, false},
+                     [](const emuphone::PhoneReport& r) { return r.Reached(PhoneStage::Detached); }, 0, 250, false},
         DestroyPoint{"ConnectedAndIdle", nullptr, nullptr},
         DestroyPoint{"WriteHalfTaken", nullptr, nullptr, 16 << 20, 50},
         // The phone takes one byte of each transfer, at once: a completion
