@@ -16,33 +16,6 @@ using Lookup = ToolkitConnection::Lookup;
 
 const char kAltWithoutInterface[] = "Error: altsetting present but interface field missing from command string.";
 
-// Both bus and dev are asked for before either is judged; an alternate
-// setting needs an interface other than -1.
-TEST_F(AccessoryConnection, CommandStringThatCannotWorkIsRefusedBeforeAnythingStarts) {
-    const std::string kMissing = "Error: missing bus or dev fields from command string.";
-    const std::pair<Fields, std::vector<std::string>> refusals[] = {
-        {{{"bus", "1"}}, {kMissing}},
-        {{{"dev", "5"}}, {kMissing}},
-        {{}, {kMissing}},
-        {{{"bus", "1"}, {"dev", "5"}, {"altsetting", "2"}},
-         {"Using USB alternate setting number 2", kAltWithoutInterface}},
-        {{{"bus", "1"}, {"dev", "5"}, {"interface", "-1"}, {"altsetting", "0"}},
-         {"Using USB interface number -1", "Using USB alternate setting number 0", kAltWithoutInterface}},
-    };
-    const char* const asked[] = {"bus", "dev", "interface", "altsetting"};
-    for (const auto& [fields, log] : refusals) {
-        ToolkitConnection& connection = toolkit.CreateConnection(fields);
-        EXPECT_EQ(KestoBearerErrorInvalidParameter, toolkit.Establish(connection));
-        EXPECT_THAT(connection.Log(), ElementsAreArray(log));
-        ASSERT_EQ(log.back() == kMissing ? 2u : 4u, connection.Lookups().size());
-        for (size_t i = 0; i < connection.Lookups().size(); ++i) {
-            EXPECT_EQ((Lookup{asked[i], 0, false, fields.count(asked[i]) == 1}), connection.Lookups()[i]);
-        }
-        EXPECT_TRUE(connection.Statuses().empty());
-    }
-    EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
-}
-
 // Each text goes into "bus", "dev" and "interface"; no phone sits anywhere.
 TEST_F(AccessoryConnection, NumericFieldsAreReadAsLeadingDecimalNumbers) {
     const std::pair<const char*, int> texts[] = {{"007", 7}, {"12abc", 12}, {" 4", 4},  {"0x1f", 0},
@@ -58,59 +31,81 @@ TEST_F(AccessoryConnection, NumericFieldsAreReadAsLeadingDecimalNumbers) {
     }
 }
 
-// After a failed Establish every slot answers with that failure, takes no
-// bytes and touches no transfer.
-void ExpectEverySlotAnswers(const KestoBearerInterface& api, ToolkitConnection& connection, int failure) {
-    void* handle = connection.Handle();
-    uint8_t buffer[1024] = {};
-    uint32_t length = sizeof buffer;
-    EXPECT_EQ(failure, api.connectionWrite(handle, buffer, &length));
-    EXPECT_EQ(0u, length);
-    length = sizeof buffer;
-    EXPECT_EQ(failure, api.connectionRead(handle, buffer, &length));
-    EXPECT_EQ(0u, length);
-    uint32_t activity = 0xA5;
-    EXPECT_EQ(failure, api.connectionGetActivity(handle, &activity));
-    EXPECT_EQ(0xA5u, activity);
-    int eventHandle = 0;
-    EXPECT_EQ(failure, api.connectionGetEventHandle(handle, &eventHandle, nullptr));
-    EXPECT_EQ(failure, api.connectionTimerExpired(handle));
-    EXPECT_THAT(Submitted(kOut), testing::IsEmpty());
-}
-
-TEST_F(AccessoryConnection, TransportOrPhoneThatCannotStartFailsEstablish) {
+// A command string that cannot work is refused before anything starts: bus
+// and dev are both asked for before either is judged, and an alternate
+// setting needs an interface other than -1. A transport or phone that cannot
+// start fails Establish; Connecting is reported only once the transport runs.
+// Either way every slot then answers with the failure, takes no bytes and
+// touches no transfer.
+TEST_F(AccessoryConnection, EstablishThatCannotStartIsAnsweredByEverySlot) {
+    const std::string kMissing = "Error: missing bus or dev fields from command string.";
+    const Fields kBusAndDev{{"bus", "1"}, {"dev", "5"}};
     struct EarlyFailure {
+        Fields fields;
         std::function<void()> arrange;
         int result;
         std::vector<std::string> log;
-        bool connecting; // reported only once the transport runs
+        bool connecting;
     };
     const EarlyFailure failures[] = {
-        {[] { Failures::Fail(Function::Init, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorFailed,
+        {{{"bus", "1"}}, nullptr, KestoBearerErrorInvalidParameter, {kMissing}, false},
+        {{{"dev", "5"}}, nullptr, KestoBearerErrorInvalidParameter, {kMissing}, false},
+        {{}, nullptr, KestoBearerErrorInvalidParameter, {kMissing}, false},
+        {{{"bus", "1"}, {"dev", "5"}, {"altsetting", "2"}}, nullptr, KestoBearerErrorInvalidParameter,
+         {"Using USB alternate setting number 2", kAltWithoutInterface}, false},
+        {{{"bus", "1"}, {"dev", "5"}, {"interface", "-1"}, {"altsetting", "0"}}, nullptr,
+         KestoBearerErrorInvalidParameter,
+         {"Using USB interface number -1", "Using USB alternate setting number 0", kAltWithoutInterface}, false},
+        {kBusAndDev, [] { Failures::Fail(Function::Init, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorFailed,
          {"Error, could not initialise libusb", "Failed to initialise LibUSBBearerConnection: libusb error -3"}, false},
-        {[] { Failures::Fail(Function::AllocTransfer, 0); }, KestoBearerErrorFailed,
+        {kBusAndDev, [] { Failures::Fail(Function::AllocTransfer, 0); }, KestoBearerErrorFailed,
          {"Could not allocate transfer for read transfers",
           "Failed to initialise LibUSBBearerConnection: libusb error -11"},
          false},
-        {[] { AllocationFailures::FailAfter(0); }, KestoBearerErrorFailed,
+        {kBusAndDev, [] { AllocationFailures::FailAfter(0); }, KestoBearerErrorFailed,
          {"Out of memory allocating connection instance"}, false},
-        {[] { Failures::Fail(Function::Open, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorCannotOpenDevice,
+        {kBusAndDev, [] { Failures::Fail(Function::Open, LIBUSB_ERROR_ACCESS); }, KestoBearerErrorCannotOpenDevice,
          {"Error: Couldn't open device with libusb error -3", "Error: Could not open device on bus 1 at address 5",
           "Error: Could not open android device on bus 1 at address 5 (libusb error -5)"},
          true},
-        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO); }, KestoBearerErrorFailed,
+        {kBusAndDev, [] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO); }, KestoBearerErrorFailed,
          {"Unable to get device descriptor with error -1"}, true},
-        {[] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO, 1); }, KestoBearerErrorFailed,
-         {"Unable to get device descriptor, error -1"}, true},
+        {kBusAndDev, [] { Failures::Fail(Function::GetDeviceDescriptor, LIBUSB_ERROR_IO, 1); },
+         KestoBearerErrorFailed, {"Unable to get device descriptor, error -1"}, true},
     };
+    const char* const asked[] = {"bus", "dev", "interface", "altsetting"};
     for (const EarlyFailure& failure : failures) {
         fakeusb::Bus::Add(fakeusb::AndroidPhone(1, 5, kSerial));
         ScopedAllocationFailures allocations;
-        failure.arrange();
-        ToolkitConnection& connection = Establish({}, failure.result);
+        if (failure.arrange) {
+            failure.arrange();
+        }
+        ToolkitConnection& connection = toolkit.CreateConnection(failure.fields);
+        EXPECT_EQ(failure.result, toolkit.Establish(connection));
         EXPECT_THAT(connection.Log(), ElementsAreArray(failure.log));
+        ASSERT_EQ(failure.log.back() == kMissing ? 2u : 4u, connection.Lookups().size());
+        for (size_t i = 0; i < connection.Lookups().size(); ++i) {
+            EXPECT_EQ((Lookup{asked[i], 0, false, failure.fields.count(asked[i]) == 1}), connection.Lookups()[i]);
+        }
         EXPECT_EQ(failure.connecting, !connection.Statuses().empty());
-        ExpectEverySlotAnswers(toolkit.Interface(), connection, failure.result);
+        if (failure.result == KestoBearerErrorInvalidParameter) {
+            EXPECT_EQ(0, fakeusb::Calls::Count("libusb_init"));
+        }
+        const KestoBearerInterface& api = toolkit.Interface();
+        uint8_t buffer[1024] = {};
+        uint32_t length = sizeof buffer;
+        EXPECT_EQ(failure.result, api.connectionWrite(connection.Handle(), buffer, &length));
+        EXPECT_EQ(0u, length);
+        length = sizeof buffer;
+        EXPECT_EQ(failure.result, api.connectionRead(connection.Handle(), buffer, &length));
+        EXPECT_EQ(0u, length);
+        uint32_t activity = 0xA5;
+        EXPECT_EQ(failure.result, api.connectionGetActivity(connection.Handle(), &activity));
+        EXPECT_EQ(0xA5u, activity);
+        int eventHandle = 0;
+        EXPECT_EQ(failure.result, api.connectionGetEventHandle(connection.Handle(), &eventHandle, nullptr));
+        EXPECT_EQ(failure.result, api.connectionTimerExpired(connection.Handle()));
+        EXPECT_THAT(Submitted(kOut), testing::IsEmpty());
         NextStory(connection);
     }
 }
