@@ -3,11 +3,11 @@
 # first in LD_PRELOAD, ahead of umockdev's; ThreadSanitizer also gets told
 # about the uninstrumented umockdev and GLib (tsan.supp says why).
 #
-#   emulated_phone_add_test(NAME name COMMAND program args...)
+#   emulated_phone_add_test(NAME name [TIMEOUT seconds] COMMAND program args...)
 set(EMULATED_PHONE_TSAN_SUPPRESSIONS ${CMAKE_CURRENT_LIST_DIR}/tsan.supp)
 
 function(emulated_phone_add_test)
-  cmake_parse_arguments(ARG "" "NAME" "COMMAND" ${ARGN})
+  cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "COMMAND" ${ARGN})
   set(preload "libumockdev-preload.so.0")
   set(options "")
   if(KESTO_SANITIZE MATCHES "thread")
@@ -32,5 +32,8 @@ function(emulated_phone_add_test)
     set_tests_properties(${ARG_NAME} PROPERTIES ENVIRONMENT_MODIFICATION "LD_PRELOAD=set:${preload}")
   else()
     add_test(NAME ${ARG_NAME} COMMAND env "LD_PRELOAD=${preload}" ${options} ${ARG_COMMAND})
+  endif()
+  if(ARG_TIMEOUT)
+    set_tests_properties(${ARG_NAME} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
   endif()
 endfunction()
