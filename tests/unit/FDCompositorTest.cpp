@@ -191,6 +191,7 @@ extern "C" void CountSignal(int) { gHandled++; }
 // the event thread could take: it stays pending there instead of interrupting
 // the wait, and the first thread that can take it does.
 TEST_F(EventThread, SignalsWithHandlersNeverLandOnTheEventThread) {
+    gHandled = 0;
     struct sigaction action = {};
     action.sa_handler = CountSignal;
     struct sigaction previous;
