@@ -29,7 +29,7 @@ public:
 
     void Problem(const std::string& problem) override { Check(false, problem.c_str()); }
     void PluginLine(const char* source, const char* text) override;
-    void Status(const standin::ToolkitConnection& connection, int status) override;
+    void Status(const standin::ToolkitConnection& reported, int status) override;
 
 private:
     // A code from a slot that reports the stored error.
