@@ -82,10 +82,6 @@ inline std::vector<Submission> Submitted(unsigned char endpoint) {
     return found;
 }
 
-inline std::vector<std::string> Tail(const std::vector<std::string>& log, size_t n) {
-    return {log.end() - static_cast<long>(std::min(n, log.size())), log.end()};
-}
-
 // How a phone not yet in accessory mode answers on endpoint 0.
 struct PhoneScript {
     Bytes version{2, 0};

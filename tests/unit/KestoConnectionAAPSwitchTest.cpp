@@ -100,7 +100,10 @@ TEST_F(AccessoryConnection, PhoneEndsAControlRequestBadly) {
         std::vector<std::string> log;
         int failure;
         Bytes version = {2, 0};
+        int refused = -1; // the control submission libusb refuses, counted from 0
     };
+    const char kRefused[] = "Failed to submit libusb transfer for control transfer: libusb error -1";
+    const char kVersion2[] = "Device supports Android Accessory Protocol version 2";
     const Ending endings[] = {
         {"version 0", {}, {kVersionQuery},
          {"Device does not support the Android Accessory Protocol, supports 0x0000"}, KestoBearerErrorFailed, {0, 0}},
@@ -109,7 +112,7 @@ TEST_F(AccessoryConnection, PhoneEndsAControlRequestBadly) {
         {"an error is retried four times with the same row; the fifth fails",
          {0, 0, 0, 1, 1, 1, 1, 1},
          {kVersionQuery, "40 34 00 00 00 00 07 00", "40 34 00 00 01 00 07 00", kRow2, kRow2, kRow2, kRow2, kRow2},
-         {"Device supports Android Accessory Protocol version 2",
+         {kVersion2,
           "Retrying setup transfer with status 1, state: 2, retry: 1",
           "Retrying setup transfer with status 1, state: 2, retry: 2",
           "Retrying setup transfer with status 1, state: 2, retry: 3",
@@ -124,14 +127,33 @@ TEST_F(AccessoryConnection, PhoneEndsAControlRequestBadly) {
          KestoBearerErrorFailed},
         {"overflow", {LIBUSB_TRANSFER_OVERFLOW}, {kVersionQuery}, {"Setup transfer failed with status: 6, state: 1"},
          KestoBearerErrorFailed},
+        {"version query refused, inside Establish", {}, {kVersionQuery},
+         {kRefused, "Failed to submit version query control message, -1"}, KestoBearerErrorFailed, {2, 0}, 0},
+        {"version query's retry refused", {1}, {kVersionQuery, kVersionQuery},
+         {"Retrying setup transfer with status 1, state: 1, retry: 1", kRefused,
+          "Failed to submit version query control message, -1"},
+         KestoBearerErrorFailed, {2, 0}, 1},
+        {"identity string refused", {}, {kVersionQuery, "40 34 00 00 00 00 07 00", "40 34 00 00 01 00 07 00", kRow2},
+         {kVersion2, kRefused, "Failed to submit identity string 2, -1"}, KestoBearerErrorFailed, {2, 0}, 3},
+        {"identity string's retry refused", {0, 1},
+         {kVersionQuery, "40 34 00 00 00 00 07 00", "40 34 00 00 00 00 07 00"},
+         {kVersion2, "Retrying setup transfer with status 1, state: 2, retry: 1", kRefused,
+          "Failed to submit identity string 0, -1"},
+         KestoBearerErrorFailed, {2, 0}, 2},
+        {"start request refused", {}, SwitchSetups(kDefaultIdentity),
+         {kVersion2, kRefused, "Failed to submit switch to AAP control message, -1"}, KestoBearerErrorFailed, {2, 0}, 7},
     };
     for (const Ending& ending : endings) {
         SCOPED_TRACE(ending.story);
         PlugPhone(PhoneScript{ending.version, ending.statuses});
-        ToolkitConnection& connection = Establish();
+        if (ending.refused >= 0) {
+            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, ending.refused);
+        }
+        const bool atOnce = ending.refused == 0; // Establish itself fails; the toolkit never drives it
+        ToolkitConnection& connection = Establish({}, atOnce ? ending.failure : KestoBearerErrorNone);
         Settle();
         toolkit.RunFor(std::chrono::milliseconds(20));
-        EXPECT_EQ(ending.failure, connection.Failure());
+        EXPECT_EQ(atOnce ? 0 : ending.failure, connection.Failure());
         EXPECT_THAT(ControlSetups(), ElementsAreArray(ending.setups));
         EXPECT_THAT(connection.Log(), ElementsAreArray(ending.log));
         NextStory(connection);
@@ -152,30 +174,6 @@ TEST_F(AccessoryConnection, EveryStepMayFailFourTimesBecauseRetriesCountPerStep)
                   return line.rfind("Retrying setup transfer with status 1", 0) == 0;
               }));
     EXPECT_EQ(0, connection.Failure());
-}
-
-// Each row: the control submission libusb refuses (0 is the version query,
-// made inside Establish), after the statuses the phone has answered with.
-TEST_F(AccessoryConnection, RefusedControlSubmissionFailsTheConnection) {
-    const std::tuple<std::vector<int>, int, std::string> refusals[] = {
-        {{}, 0, "Failed to submit version query control message, -1"},
-        {{1}, 1, "Failed to submit version query control message, -1"}, // its retry
-        {{}, 3, "Failed to submit identity string 2, -1"},
-        {{0, 1}, 2, "Failed to submit identity string 0, -1"}, // its retry
-        {{}, 7, "Failed to submit switch to AAP control message, -1"},
-    };
-    for (const auto& [statuses, skip, logged] : refusals) {
-        PlugPhone(PhoneScript{{2, 0}, statuses});
-        Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_IO, skip);
-        ToolkitConnection& connection = Establish({}, skip == 0 ? KestoBearerErrorFailed : KestoBearerErrorNone);
-        if (skip != 0) {
-            RunUntilFailed(connection);
-            EXPECT_EQ(KestoBearerErrorFailed, connection.Failure());
-        }
-        EXPECT_THAT(Tail(connection.Log(), 2),
-                    ElementsAre("Failed to submit libusb transfer for control transfer: libusb error -1", logged));
-        NextStory(connection);
-    }
 }
 
 TEST_F(AccessoryConnection, ControlCompletionInTheDataPhaseIsAnError) {
