@@ -27,8 +27,8 @@ void ReportLeftovers(World& w, const libusb_context* context) {
     for (auto& h : w.handles) {
         handles += h->open && h->device->context == context;
     }
-    for (auto& d : w.devices) {
-        refs += d->context == context ? d->refs : 0;
+    for (auto& [physical, device] : context->devices) {
+        refs += device->refs;
     }
     for (auto& [transfer, state] : w.transfers) {
         if (state.phase != TransferState::Phase::Idle && state.handle->device->context == context) {

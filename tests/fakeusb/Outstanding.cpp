@@ -11,11 +11,11 @@ Outstanding Outstanding::Now() {
         Outstanding o;
         for (auto& c : w.contexts) {
             o.contexts += c->live;
+            for (auto& [physical, device] : c->devices) {
+                o.deviceRefs += device->refs;
+            }
         }
         o.deviceLists = static_cast<int>(w.deviceLists.size());
-        for (auto& d : w.devices) {
-            o.deviceRefs += d->refs;
-        }
         for (auto& h : w.handles) {
             o.openHandles += h->open;
         }

@@ -101,12 +101,11 @@ std::string World::NameOf(const libusb_device_handle* handle) {
 }
 
 libusb_device* World::DeviceFor(libusb_context* context, PhysicalDevice* device) {
-    libusb_device*& mine = context->devices[device];
+    std::unique_ptr<libusb_device>& mine = context->devices[device];
     if (mine == nullptr) {
-        devices.push_back(std::make_unique<libusb_device>(libusb_device{context, device, 0}));
-        mine = devices.back().get();
+        mine = std::make_unique<libusb_device>(libusb_device{context, device, 0});
     }
-    return mine;
+    return mine.get();
 }
 
 void World::Queue(libusb_transfer* transfer, TransferState& state, Outcome outcome) {

@@ -70,7 +70,6 @@ struct World {
     // libusb objects stay allocated until Reset, so that a stale pointer is
     // reported as a misuse instead of crashing the test.
     std::vector<std::unique_ptr<libusb_context>> contexts;
-    std::vector<std::unique_ptr<libusb_device>> devices;
     std::vector<std::unique_ptr<libusb_device_handle>> handles;
     std::set<libusb_device**> deviceLists;
     std::map<const libusb_config_descriptor*, std::unique_ptr<ConfigStorage>> configs;
@@ -127,6 +126,12 @@ auto Locked(F f) {
 } // namespace fakeusb::detail
 
 // libusb's opaque types, completed by the double.
+struct libusb_device {
+    libusb_context* context;
+    fakeusb::detail::PhysicalDevice* physical;
+    int refs = 0;
+};
+
 struct libusb_context {
     int readFd = -1;
     int writeFd = -1;
@@ -135,13 +140,7 @@ struct libusb_context {
     libusb_pollfd_removed_cb removed = nullptr;
     void* notifierData = nullptr;
     std::deque<libusb_transfer*> completions;
-    std::map<fakeusb::detail::PhysicalDevice*, libusb_device*> devices;
-};
-
-struct libusb_device {
-    libusb_context* context;
-    fakeusb::detail::PhysicalDevice* physical;
-    int refs = 0;
+    std::map<fakeusb::detail::PhysicalDevice*, std::unique_ptr<libusb_device>> devices; // made on first listing
 };
 
 struct libusb_device_handle {
