@@ -54,9 +54,7 @@ TEST_F(AccessoryConnection, OnlyGoogleAccessoryProductsSkipTheSwitch) {
         const std::vector<Submission> inFlight = Transfers::InFlight();
         ASSERT_EQ(1u, inFlight.size());
         EXPECT_EQ(accessory ? kIn : 0x00, inFlight[0].endpoint) << std::hex << vendor << ":" << product;
-        EXPECT_EQ(accessory ? 3000u : 2000u, inFlight[0].timeout);
         EXPECT_EQ(accessory ? 0 : 1, CallCount("libusb_get_string_descriptor_ascii(1:5, 3)"));
-        EXPECT_EQ(accessory ? 2u : 0u, connection.Log().size());
         NextStory(connection);
     }
 }
@@ -73,8 +71,7 @@ TEST_F(AccessoryConnection, PhoneIsSwitchedWithTheGivenOrDefaultIdentity) {
     for (const auto& [fields, identity, version] : cases) {
         PlugPhone(PhoneScript{{version, 0}});
         ToolkitConnection& connection = Establish(fields);
-        toolkit.RunUntil([&] { return !connection.TimerRequests().empty(); });
-        EXPECT_EQ(1, connection.TimerRequests().front());
+        toolkit.RunUntil([&] { return !connection.TimerRequests().empty(); }); // the search begins
         EXPECT_THAT(ControlSetups(), ElementsAreArray(SwitchSetups(identity)));
         EXPECT_EQ(identity, IdentitySent());
         for (const Submission& s : Transfers::Submitted()) {
