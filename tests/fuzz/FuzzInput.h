@@ -38,7 +38,7 @@ private:
 };
 
 // KESTO_FUZZ_TRACE=1: to follow one input's story.
-inline bool Traced() {
+inline bool Tracing() {
     static const bool trace = std::getenv("KESTO_FUZZ_TRACE") != nullptr;
     return trace;
 }

@@ -22,7 +22,7 @@ namespace {
 
 void Act(FuzzInput& in, FuzzToolkit& toolkit, FuzzPhone& phone) {
     const int action = in.U8() % 16;
-    if (Traced()) {
+    if (Tracing()) {
         std::fprintf(stderr, "action %d\n", action);
     }
     phone.CallBegins();

@@ -60,7 +60,7 @@ FuzzToolkit::~FuzzToolkit() {
 
 void FuzzToolkit::PluginLine(const char*, const char* text) {
     Check(std::strlen(text) <= 255, "a log line is at most 255 characters");
-    if (Traced()) {
+    if (Tracing()) {
         std::fprintf(stderr, "plug-in: %s\n", text);
     }
 }
