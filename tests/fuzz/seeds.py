@@ -7,7 +7,7 @@ import struct
 FIELDS = ["bus", "dev", "interface", "altsetting", "manufacturer", "model", "desc", "version", "uri", "serial"]
 COMPLETED, ERROR, TIMED_OUT, CANCELLED, STALL, NO_DEVICE, OVERFLOW = range(7)
 ANDROID, ACCESSORY, ACCESSORY_ALONE = 0, 1, 2
-SERIAL_UNREADABLE, CONFIGURATION, INTERFACES = 4, 16, 64
+SERIAL_UNREADABLE, IDS, CONFIGURATION, PORTS, INTERFACES = 4, 8, 16, 32, 64
 # fakeusb::Function, in its order
 (INIT, GET_DEVICE_LIST, GET_DEVICE_DESCRIPTOR, GET_CONFIG_DESCRIPTOR, GET_MAX_PACKET_SIZE, OPEN, GET_CONFIGURATION,
  SET_CONFIGURATION, KERNEL_DRIVER_ACTIVE, DETACH_KERNEL_DRIVER, CLAIM_INTERFACE, ALLOC_TRANSFER, SUBMIT_TRANSFER,
@@ -43,12 +43,18 @@ def unplug(pick=0): return b"\x0a" + bytes([pick])
 def next_timeout(ms): return b"\x0b" + u16(ms)
 
 
-def plug(kind, bus, address, serial, interfaces=None, configuration=None):
-    """configuration: (value, kernel driver: 0 none, 1 active, 2 status not supported, 3 an error)"""
+def plug(kind, bus, address, serial, interfaces=None, configuration=None, ids=None, ports=None):
+    """configuration: (value, kernel driver: 0 none, 1 active, 2 status not supported, 3 an error);
+    ids: (vendor, product, serial string index); ports: from the root hub down"""
     kind |= (INTERFACES if interfaces is not None else 0) | (CONFIGURATION if configuration else 0)
+    kind |= (IDS if ids else 0) | (PORTS if ports is not None else 0)
     out = b"\x09" + bytes([kind, bus, address]) + text(serial)
+    if ids:
+        out += u16(ids[0]) + u16(ids[1]) + bytes([ids[2]])
     if configuration:
         out += bytes(configuration)
+    if ports is not None:
+        out += bytes([len(ports)]) + bytes(ports)
     if interfaces is not None:
         out += bytes([len(interfaces)])
         for alts in interfaces:
@@ -127,6 +133,12 @@ SEEDS = {
     + comes_back(ticks=3) + activity + timer + handshake_and_connect() + fail(SUBMIT_TRANSFER, NOT_SUPPORTED)
     + write(512) + phone_takes() + activity + phone_takes() + activity + phone_sends(7)
     + fail(CANCEL_TRANSFER, NO_DEVICE_ERROR) + destroy,
+    # Destroy cancels the data read, the cancellation fails: the close waits until the phone gives it back.
+    "cancel-fails-at-destroy": header(bus="1", dev="5") + plug(ACCESSORY, 1, 5, SERIAL) + establish
+    + handshake_and_connect() + next_timeout(250) + activity + next_timeout(0) + fail(CANCEL_TRANSFER, IO) + destroy,
+    # A phone behind a hub that answers with another's ids, beside the one asked for.
+    "hub-and-strangers": header(bus="3", dev="7", serial=SERIAL) + plug(ANDROID, 3, 2, "OTHER", ids=(0x04E8, 0x6860, 0))
+    + plug(ACCESSORY, 3, 7, SERIAL, ports=[1, 4, 2]) + establish + activity + handshake_and_connect() + read(8) + destroy,
     "unconfigured-driver-bound": header(bus="1", dev="5") + plug(ACCESSORY, 1, 5, SERIAL, configuration=(0, 1))
     + establish + handshake_and_connect() + destroy,
 }
