@@ -316,7 +316,11 @@ void Toolkit::FreeString(void* context, char* text) {
 
 void Toolkit::LogForBearer(void* context, const char* text) {
     Toolkit* toolkit = FromBearerContext(context, "bearerLog");
-    if (toolkit == nullptr || text == nullptr) {
+    if (toolkit == nullptr) {
+        return;
+    }
+    if (text == nullptr) {
+        toolkit->Problem("bearerLog was given no text");
         return;
     }
     if (toolkit->keepRecords_) {
@@ -396,10 +400,14 @@ intptr_t Toolkit::Reserved7(void* context, intptr_t, intptr_t) {
 
 void Toolkit::LogForConnection(void* context, const char* text) {
     ToolkitConnection* connection = FromConnectionContext(context, "connectionLog");
-    if (connection == nullptr || text == nullptr) {
+    if (connection == nullptr) {
         return;
     }
     Toolkit& toolkit = *connection->context_.toolkit;
+    if (text == nullptr) {
+        toolkit.Problem("connectionLog was given no text");
+        return;
+    }
     if (toolkit.keepRecords_) {
         connection->log_.push_back(text);
     }
