@@ -18,14 +18,7 @@ FDCompositor::FDCompositor(LibUSBBearerConnection* owner) : owner(owner) {}
 
 FDCompositor::~FDCompositor() = default;
 
-void FDCompositor::ProcessEvents() {
-    timeval zero = {0, 0};
-    int result = libusb_handle_events_timeout(owner->GetContext(), &zero);
-    if (result < 0) {
-        owner->Log("Process events failed: %d", result);
-        owner->ReportError(11);
-    }
-}
+void FDCompositor::ProcessEvents() { owner->WaitForEvents(0); }
 
 void FDCompositor::ActivityHook() {}
 

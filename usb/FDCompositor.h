@@ -30,10 +30,9 @@ public:
     // The descriptor that is readable while libusb work is waiting; valid from
     // Start until destruction, the same every time.
     virtual int GetEventHandle() = 0;
-    // Handles what libusb has pending without blocking (zero time-out):
-    // completions reach the transport's callbacks inside. A libusb failure is
-    // logged ("Process events failed: %d") and reported to the owner as 11.
-    // The caller then calls Rearm.
+    // Handles what libusb has pending without blocking: the owner's
+    // WaitForEvents(0), with its rules for signals and failures. Completions
+    // reach the transport's callbacks inside. The caller then calls Rearm.
     virtual void ProcessEvents();
     // After ProcessEvents: lets the event handle become readable again only
     // for work that is still waiting, so a toolkit never spins on it. The

@@ -201,7 +201,7 @@ void LibUSBBearerConnection::Close() {
     // No transfer may be freed or reused while libusb still owns it.
     while (!pendingReads.Empty() || writeInFlight || controlInFlight) {
         lock.Release();
-        WaitForCompletions();
+        WaitForEvents(kDrainWaitUs);
         lock.Acquire();
     }
     closing = false;
@@ -217,9 +217,12 @@ void LibUSBBearerConnection::Close() {
     device = nullptr;
 }
 
-void LibUSBBearerConnection::WaitForCompletions() {
-    timeval wait = {0, kDrainWaitUs};
-    int result = libusb_handle_events_timeout(context, &wait);
+void LibUSBBearerConnection::WaitForEvents(long microseconds) {
+    int result;
+    do {
+        timeval wait = {0, microseconds};
+        result = libusb_handle_events_timeout(context, &wait);
+    } while (result == LIBUSB_ERROR_INTERRUPTED);
     if (result < 0) {
         Log("Process events failed: %d", result);
         ReportError(11);

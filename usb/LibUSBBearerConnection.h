@@ -67,6 +67,13 @@ public:
     // Lets libusb deliver what is pending without blocking (the observer's
     // completion calls come from inside), then rearms the event handle.
     void HandleEvents();
+    // Runs libusb's event handling, waiting up to `microseconds` for work
+    // (0: not at all); completions reach their callbacks inside. A signal
+    // that cuts libusb's poll short (LIBUSB_ERROR_INTERRUPTED) is not a
+    // failure, since a toolkit may handle signals on any thread: the
+    // handling is tried again. Any other failure is logged ("Process events
+    // failed: %d") and reported as 11.
+    void WaitForEvents(long microseconds);
     // The descriptor the toolkit waits on (-1 when Initialise failed before
     // the compositor existed); *extraOut (if given) becomes 0.
     int GetEventHandle(intptr_t* extraOut);
@@ -127,8 +134,6 @@ private:
     // Submits the write transfer as filled, falling back to a separate
     // zero-length packet where libusb refuses to add one itself.
     int SubmitWriteTransfer();
-    // One pass of Close's drain: lets libusb wait briefly for completions.
-    void WaitForCompletions();
     void UpdateTimeout();
     void CancelTransfer(libusb_transfer* transfer, const char* message);
 
