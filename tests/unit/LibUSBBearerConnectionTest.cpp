@@ -451,6 +451,12 @@ TEST_F(TransferEngine, AWriteOfWholePacketsEndsWithAZeroLengthPacket) {
     // Five plain writes; the refused submission and its retry, the rest and a
     // packet; the 512 and a packet.
     EXPECT_EQ(Calls::Count("libusb_submit_transfer"), 5 + 2 + 2 + 2);
+    // A packet that cannot go ends the write in error.
+    ASSERT_EQ(Write(Count(512)), 0);
+    Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
+    Finish(Oldest(kOut));
+    EXPECT_EQ(observer.logs.back(), "Failed to submit zero-length packet: libusb error -4");
+    EXPECT_EQ(observer.events.back(), "write 1");
 }
 
 // ---- Reads ----
