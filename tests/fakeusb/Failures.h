@@ -22,6 +22,7 @@ enum class Function {
     // Events::SetHandleEventsHook.
     CancelTransfer,
     GetNextTimeout, // leaves the time value untouched, as libusb does
+    GetPollfds,     // no list, as when libusb runs out of memory
     HandleEvents,   // nothing is delivered
 };
 

@@ -137,7 +137,9 @@ const libusb_pollfd** LIBUSB_CALL libusb_get_pollfds(libusb_context* ctx) {
         const libusb_pollfd* list[2];
         libusb_pollfd entry;
     };
-    if (!Locked([&](World& w) { return w.LiveContext(ctx, "libusb_get_pollfds"); })) {
+    if (!Locked([&](World& w) {
+            return w.LiveContext(ctx, "libusb_get_pollfds") && !w.Inject(Function::GetPollfds);
+        })) {
         return nullptr;
     }
     auto* block = static_cast<Block*>(malloc(sizeof(Block)));

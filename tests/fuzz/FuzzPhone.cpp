@@ -156,7 +156,7 @@ void FuzzPhone::Take(FuzzInput& in) {
 
 // Errors -1 to -12, and -99 for the thirteenth.
 void FuzzPhone::Fail(FuzzInput& in) {
-    const auto function = static_cast<fakeusb::Function>(in.U8() % 16);
+    const auto function = static_cast<fakeusb::Function>(in.U8() % 17);
     const int code = in.U8() % 13 + 1;
     fakeusb::Failures::Fail(function, code == 13 ? LIBUSB_ERROR_OTHER : -code, in.U8() % 16);
 }

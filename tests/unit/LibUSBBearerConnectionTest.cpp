@@ -203,6 +203,8 @@ TEST_F(DeviceSession, AStartUpThatFailsAtAnyStepLeavesNothingBehindOnceDestroyed
         {[] { AllocationFailures::FailSize(16384); }, LIBUSB_ERROR_NO_MEM, "Error: could not allocate read buffer"},
         {noTransfer(kSlots), LIBUSB_ERROR_NO_MEM, "Could not allocate transfer for write transfers"},
         {noTransfer(kSlots + 1), LIBUSB_ERROR_NO_MEM, "Could not allocate transfer for control transfers"},
+        {[] { Failures::Fail(Function::GetPollfds, LIBUSB_ERROR_NO_MEM); }, LIBUSB_ERROR_NO_MEM,
+         "Could not list libusb's descriptors"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.message);
