@@ -1,3 +1,5 @@
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -177,6 +179,20 @@ TEST_F(AccessoryConnection, EventThreadThatStopsIsReportedByGetActivity) {
                             "Error: USB event thread stopped: " + std::string(strerror(ENOMEM))));
     uint32_t activity = 0;
     EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionGetActivity(connection.Handle(), &activity));
+}
+
+// A toolkit serves its timer as the phone's bytes land: the timer's pass
+// takes them in, and the event handle must still say that they wait.
+TEST_F(AccessoryConnection, BytesTakenInByATimerStillWakeTheToolkit) {
+    fakeusb::Events::SetNextTimeout(3, 0); // libusb keeps the handshake read's time-out, as on QNX
+    ToolkitConnection& connection = Connected();
+    ASSERT_TRUE(connection.TimerPending());
+    ASSERT_TRUE(Transfers::CompleteOldest(kIn, kCompleted, Text("hello")));
+    EXPECT_EQ(0, toolkit.Interface().connectionTimerExpired(connection.Handle()));
+    int handle = -1;
+    toolkit.Interface().connectionGetEventHandle(connection.Handle(), &handle, nullptr);
+    pollfd ready{handle, POLLIN, 0};
+    EXPECT_EQ(1, poll(&ready, 1, 100)) << "the phone's bytes wait and the handle is quiet";
 }
 
 TEST_F(AccessoryConnection, TransportAndMediumAreUsb) {
