@@ -72,6 +72,33 @@ INSTANTIATE_TEST_SUITE_P(, PhoneUnplugged,
                                          Unplug{"MidStreamToAnIdleToolkit", PhoneStage::HandshakeDone, 0, 256 << 10}),
                          [](const testing::TestParamInfo<Unplug>& info) { return info.param.name; });
 
+// The phone vanishes while what it sent waits unread, part of it taken in by
+// the host but not yet by the plug-in: a toolkit that reads until the failure
+// gets every byte the phone sent, and the failure then stays.
+class UnreadWhenUnplugged : public PhoneStory {};
+
+TEST_F(UnreadWhenUnplugged, EveryByteSentIsReadBeforeTheFailureAndNoneAfter) {
+    PhoneOptions options;
+    options.application = PhoneOptions::Application::Source;
+    options.sourceChunk = 4000; // each ends one read of the host's
+    emuphone::EmulatedPhone& phone = Plug(options);
+    ToolkitConnection& connection = Connect(phone);
+    ASSERT_TRUE(RunUntilConnected(connection));
+    ASSERT_TRUE(toolkit->RunUntil([&] { return (connection.Activity() & KestoBearerActivityReadable) != 0; }));
+    uint64_t read = toolkit->Read(connection, 1 << 16).bytes.size();
+    // The plug-in's four reads full again, then the cable goes.
+    ASSERT_TRUE(phone.WaitUntil([](const emuphone::PhoneReport& r) { return r.bytesToHost >= 20000; }, Ms(1000)));
+    phone.Unplug();
+    Toolkit::Transfer next;
+    while ((next = toolkit->Read(connection, 1 << 16)).result == KestoBearerErrorNone && !next.bytes.empty()) {
+        read += next.bytes.size();
+    }
+    EXPECT_EQ(phone.Report().bytesToHost, read);
+    EXPECT_EQ(KestoBearerErrorFailed, next.result);
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit->Interface().connectionTimerExpired(connection.Handle()));
+    EXPECT_EQ(KestoBearerErrorFailed, toolkit->Read(connection, 1 << 16).result);
+}
+
 struct DestroyPoint {
     const char* name;
     std::function<void(PhoneOptions&)> phone;
