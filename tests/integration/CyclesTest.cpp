@@ -94,21 +94,3 @@ TEST(ConnectionCycles, TwoHundredGiveBackEveryDescriptorAndAllMemory) {
 }
 
 } // namespace
-
-namespace {
-
-// Two phones switched together, ours the slower to come back (phones take
-// seconds): the other, back first and held by its own connection, is not ours.
-TEST_F(PhoneStory, PhoneSlowToComeBackIsWaitedForBesideAnotherSwitchedWithIt) {
-    emuphone::PhoneOptions slow;
-    slow.serial = "SLOW0001";
-    slow.returnDelay = Ms(2500);
-    emuphone::EmulatedPhone& ours = Plug(slow);
-    ToolkitConnection& connection = Connect(ours);
-    ToolkitConnection& beside = Connect(Plug());
-    toolkit->RunUntil([&] { return (connection.Connected() && beside.Connected()) || connection.Failure() != 0; });
-    EXPECT_EQ(0, connection.Failure());
-    EXPECT_TRUE(ours.Report().Reached(emuphone::PhoneStage::HandshakeDone));
-}
-
-} // namespace
