@@ -443,25 +443,25 @@ int KestoConnectionAAP::TimerExpired() {
         return error;
     }
     if (state != kStateRediscover) {
-        return PumpEvents();
+        return PumpEvents(true);
     }
     if (rediscoveryAttempts == 0) {
         transport->Close(); // the pre-switch device has left the bus
     }
     SearchStep();
     rediscoveryAttempts++;
-    return PumpEvents();
+    return PumpEvents(true);
 }
 
 // Lets libusb deliver its completions and returns the stored error. While
 // searching it forgets the error first, so a failed look at the bus is tried
 // again on the next tick; everywhere else the error stays until destroy: a
 // dead link must not look healthy to a toolkit that only asks.
-int KestoConnectionAAP::PumpEvents() {
+int KestoConnectionAAP::PumpEvents(bool fromTimer) {
     if (state == kStateRediscover) {
         error = 0;
     }
-    transport->HandleEvents();
+    transport->HandleEvents(fromTimer);
     return error;
 }
 

@@ -136,8 +136,10 @@ private:
     // compositor keeps timers; marks it pending.
     void RequestRediscoveryTimer();
     // Lets the transport deliver completions; returns the stored error, which
-    // it forgets first while searching (state 4).
-    int PumpEvents();
+    // it forgets first while searching (state 4). From the timer, whatever it
+    // delivers leaves the event handle readable: the toolkit hears of news
+    // only there.
+    int PumpEvents(bool fromTimer = false);
     // One search tick: the phone found and set up leaves state 5; not found,
     // the next tick is requested; a set-up failure Fails.
     void SearchStep();

@@ -38,6 +38,11 @@ public:
     // for work that is still waiting, so a toolkit never spins on it. The
     // thread compositor reports here, once, that its thread has stopped.
     virtual void Rearm() = 0;
+    // Makes the event handle readable until the next Rearm, as waiting libusb
+    // work would: for completions the owner took in during a pass the toolkit
+    // did not make to collect them (its timer's), which it learns of only
+    // from the handle.
+    virtual void Notify() = 0;
     // Watches fd for the given directions. Returns 0; 2 when out of memory;
     // 3 (errno set) when fd cannot be watched. Called from libusb's added
     // notifier, on whichever thread made libusb open the descriptor.

@@ -1,6 +1,7 @@
 #include "usb/FDCompositorEpoll.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,17 +18,34 @@ constexpr uint32_t kInterest = EPOLLIN | EPOLLOUT | EPOLLPRI;
 } // namespace
 
 FDCompositorEpoll::FDCompositorEpoll(LibUSBBearerConnection* owner)
-    : FDCompositor(owner), epollFd(-1), completed(false) {}
+    : FDCompositor(owner), epollFd(-1), noticeFd(-1), completed(false) {}
 
 FDCompositorEpoll::~FDCompositorEpoll() {
-    if (epollFd != -1) {
-        close(epollFd);
+    for (int fd : {epollFd, noticeFd}) {
+        if (fd != -1) {
+            close(fd);
+        }
     }
 }
 
 int FDCompositorEpoll::Start() {
     epollFd = epoll_create1(EPOLL_CLOEXEC);
-    return epollFd == -1 ? 1 : 0;
+    if (epollFd == -1) {
+        return 1;
+    }
+    noticeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = noticeFd;
+    return noticeFd == -1 || epoll_ctl(epollFd, EPOLL_CTL_ADD, noticeFd, &event) != 0 ? 1 : 0;
+}
+
+void FDCompositorEpoll::Notify() {
+    if (noticeFd != -1) {
+        const uint64_t one = 1;
+        const ssize_t written = write(noticeFd, &one, sizeof one);
+        static_cast<void>(written); // fails only with the counter full, and readable already
+    }
 }
 
 int FDCompositorEpoll::GetEventHandle() { return epollFd; }
@@ -129,6 +147,11 @@ int FDCompositorEpoll::RemoveFd(int fd) {
 // still come from passes after libusb has polled, and a toolkit woken by a
 // hang-up alone meets a pass without completions, where the look is taken.
 void FDCompositorEpoll::Rearm() {
+    if (noticeFd != -1) {
+        uint64_t notices = 0;
+        const ssize_t taken = read(noticeFd, &notices, sizeof notices);
+        static_cast<void>(taken); // fails only when nothing was noticed
+    }
     bool worked = completed;
     completed = false;
     if (worked || epollFd == -1 || members.empty()) {

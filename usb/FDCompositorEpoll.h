@@ -6,7 +6,8 @@
 
 // The compositor as an epoll descriptor: libusb's descriptors are its members,
 // level-triggered, so the event handle is readable exactly while one of them
-// is ready. No thread, no pipes, no lock.
+// is ready, or while Notify's counter (an eventfd, also a member) is set. No
+// thread, no pipes, no lock.
 //
 // epoll always reports hang-up and error, which select() did not. A member
 // that keeps reporting only those after libusb has handled its events would
@@ -20,6 +21,7 @@ public:
 
     int GetEventHandle() override;
     void Rearm() override;
+    void Notify() override;
     void ActivityHook() override;
     void Lock() override;
     void Unlock() override;
@@ -43,6 +45,7 @@ private:
 
     std::vector<Member> members;
     int epollFd;
+    int noticeFd; // readable from Notify until Rearm
     // A transfer completed since the last Rearm.
     bool completed;
 };

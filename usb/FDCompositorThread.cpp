@@ -152,6 +152,16 @@ void FDCompositorThread::Rearm() {
     }
 }
 
+// The byte the thread writes when it sees work; a stopped thread's handle is
+// readable already.
+void FDCompositorThread::Notify() {
+    LockMutex();
+    if (eventWriteFd != -1 && !failed) {
+        WriteOneByte(eventWriteFd);
+    }
+    UnlockMutex();
+}
+
 void FDCompositorThread::Fail(int errorNumber) {
     if (!failed) {
         failure = errorNumber;

@@ -22,6 +22,7 @@ public:
 
     int GetEventHandle() override;
     void Rearm() override;
+    void Notify() override;
     void Lock() override;
     void Unlock() override;
     int Start() override;

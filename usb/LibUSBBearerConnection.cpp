@@ -24,7 +24,7 @@ constexpr long kDrainWaitUs = 10000;
 LibUSBBearerConnection::LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer)
     : debugLevel(debugLevel), observer(observer), compositor(nullptr), context(nullptr), device(nullptr),
       handle(nullptr), readEndpoint(0), writeEndpoint(0), writePacketSize(0), zeroPacketFlagRefused(false),
-      zeroPacketDue(false), closing(false), controlInFlight(false), writeInFlight(false) {}
+      zeroPacketDue(false), closing(false), completedInPass(false), controlInFlight(false), writeInFlight(false) {}
 
 LibUSBBearerConnection::~LibUSBBearerConnection() {
     Close();
@@ -229,12 +229,16 @@ void LibUSBBearerConnection::WaitForEvents(long microseconds) {
     }
 }
 
-void LibUSBBearerConnection::HandleEvents() {
+void LibUSBBearerConnection::HandleEvents(bool announced) {
     if (compositor == nullptr) {
         return;
     }
+    completedInPass = false;
     compositor->ProcessEvents();
     compositor->Rearm();
+    if (announced && completedInPass) {
+        compositor->Notify();
+    }
 }
 
 int LibUSBBearerConnection::GetEventHandle(intptr_t* extraOut) {
@@ -361,6 +365,7 @@ void LIBUSB_CALL LibUSBBearerConnection::ControlTransferCallback(libusb_transfer
 void LibUSBBearerConnection::OnControlTransfer(libusb_transfer* transfer) {
     CompositorLock lock(compositor);
     compositor->ActivityHook();
+    completedInPass = true;
     // Cleared first, so the observer can submit the next request from its handler.
     controlInFlight = false;
     int status = transfer->status;
@@ -435,6 +440,7 @@ void LIBUSB_CALL LibUSBBearerConnection::WriteTransferCallback(libusb_transfer* 
 void LibUSBBearerConnection::OnWriteTransfer(libusb_transfer* transfer) {
     CompositorLock lock(compositor);
     compositor->ActivityHook();
+    completedInPass = true;
     int status = transfer->status;
     int result = 0;
     bool sentPart = transfer->actual_length >= 0 && transfer->actual_length < transfer->length;
@@ -510,6 +516,7 @@ void LIBUSB_CALL LibUSBBearerConnection::ReadTransferCallback(libusb_transfer* t
 void LibUSBBearerConnection::OnReadTransfer(libusb_transfer* transfer) {
     CompositorLock lock(compositor);
     compositor->ActivityHook();
+    completedInPass = true;
     for (TransferSlot* slot : pendingReads) {
         if (slot->transfer == transfer) {
             slot->MarkCompleted();

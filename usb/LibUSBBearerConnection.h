@@ -65,8 +65,11 @@ public:
     bool ToolkitKeepsTimers();
 
     // Lets libusb deliver what is pending without blocking (the observer's
-    // completion calls come from inside), then rearms the event handle.
-    void HandleEvents();
+    // completion calls come from inside), then rearms the event handle. A
+    // toolkit learns of news only from the handle, so a pass it made for
+    // another reason (its timer) is `announced`: if it completed a transfer,
+    // the handle is left readable for the toolkit to come and ask.
+    void HandleEvents(bool announced = false);
     // Runs libusb's event handling, waiting up to `microseconds` for work
     // (0: not at all); completions reach their callbacks inside. A signal
     // that cuts libusb's poll short (LIBUSB_ERROR_INTERRUPTED) is not a
@@ -153,6 +156,8 @@ private:
     bool zeroPacketDue;
     // Close has begun: completions submit nothing new.
     bool closing;
+    // A transfer completed in the current HandleEvents pass.
+    bool completedInPass;
     TransferSlot controlSlot;
     bool controlInFlight;
     TransferSlot writeSlot;
