@@ -38,7 +38,7 @@ ToolkitConnection::SupportContext& Tagged(void* context, const char* slot) {
 
 Toolkit::Toolkit(const Options& options)
     : thread_(std::this_thread::get_id()), listener_(options.listener), keepRecords_(options.keepRecords),
-      activityAfterTimer_(options.activityAfterTimer), context_{kBearerTag, this, nullptr} {
+      context_{kBearerTag, this, nullptr} {
     support_.table = {AllocString,         FreeString, LogForBearer, GetConnectionParameter,
                       SetConnectionStatus, SetTimer,   Reserved6,    Reserved7,
                       options.connectionLog ? LogForConnection : nullptr};
@@ -258,8 +258,6 @@ void Toolkit::ServiceTimer(ToolkitConnection& connection) {
     const int result = interface_.table.connectionTimerExpired(connection.handle_);
     if (result != KestoBearerErrorNone) {
         Fail(connection, "connectionTimerExpired", result);
-    } else if (activityAfterTimer_ && connection.connected_) {
-        ServiceEventHandle(connection, POLLIN);
     }
 }
 

@@ -45,10 +45,6 @@ public:
         // Records of every log line, lookup, status and timer in each connection;
         // a toolkit that runs for long keeps counts only.
         bool keepRecords = true;
-        // connectionGetActivity right after each connectionTimerExpired of a
-        // connected connection: that call may have taken in events whose
-        // readiness it consumed.
-        bool activityAfterTimer = false;
     };
 
     // The result of a read or write slot: its code, the length it left and,
@@ -144,7 +140,6 @@ private:
     const std::thread::id thread_;
     ToolkitListener* const listener_;
     const bool keepRecords_;
-    const bool activityAfterTimer_;
     ToolkitConnection::SupportContext context_;
     InterfaceRoom interface_{};
     SupportRoom support_{};

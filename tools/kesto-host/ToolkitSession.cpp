@@ -115,7 +115,6 @@ bool ToolkitSession::CreateBearer() {
     options.name = kBearerName;
     options.listener = this;
     options.keepRecords = false;
-    options.activityAfterTimer = true;
     log_.Trace("KestoBearerInitialize(\"%s\", table sizes %zu and %zu)", kBearerName, options.interfaceSize,
                options.supportSize);
     toolkit_.emplace(options);
