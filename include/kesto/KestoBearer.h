@@ -5,8 +5,9 @@
  * talks to the bearer only through the two tables below. Compiles as C and C++.
  *
  * Threads: all slots of one connection are called from one thread, the
- * toolkit's, one call at a time; every support function the bearer calls for
- * that connection is called on that same thread, inside one of those slots.
+ * toolkit's, one call at a time, and never from inside a support function;
+ * every support function the bearer calls for that connection is called on
+ * that same thread, inside one of those slots.
  * On Linux the event handle is an epoll descriptor and the bearer starts no
  * thread. Elsewhere (QNX, or a build with KESTO_COMPOSITOR=thread) it runs
  * one background thread per established connection, which has every signal
@@ -15,14 +16,15 @@
  *
  * Driving a connection: wait until the event handle is readable or the timer
  * asked for with setTimer is due; call connectionGetActivity or
- * connectionTimerExpired accordingly. When connectionGetActivity reports
- * KestoBearerActivityReadable, call connectionRead until it delivers nothing:
- * data already queued does not make the handle readable again. The call that
- * makes the bearer report status 4 (connected) may already carry the readable
- * bit. A non-zero result from connectionGetActivity, connectionGetEventHandle
- * or connectionTimerExpired means the connection has failed; once the phone
- * has been found it stays reported on every later call until the toolkit
- * destroys the connection.
+ * connectionTimerExpired accordingly. Whatever connectionTimerExpired takes in
+ * leaves the handle readable, so waiting on the handle misses nothing. When
+ * connectionGetActivity reports KestoBearerActivityReadable, call
+ * connectionRead until it delivers nothing: data already queued does not make
+ * the handle readable again. The call that makes the bearer report status 4
+ * (connected) may already carry the readable bit. A non-zero result from
+ * connectionGetActivity, connectionGetEventHandle or connectionTimerExpired
+ * means the connection has failed; once the phone has been found it stays
+ * reported on every later call until the toolkit destroys the connection.
  */
 #ifndef KESTO_BEARER_H
 #define KESTO_BEARER_H
