@@ -101,7 +101,8 @@ KestoConnectionAAP::KestoConnectionAAP(KestoBearerImpl* bearer, void* connection
     : KestoConnectionImpl(bearer, connectionContext), state(kStateInitial), identityIndex(0), deviceDescriptor(),
       serial(), serialLength(0), rediscoveryAttempts(0), expectedControlLength(0), controlRetries(0),
       interfaceNumber(-1), alternateSetting(-1), inEndpoint(0), outEndpoint(0), protocolVersion(0),
-      transport(nullptr), error(0), portPath(), portDepth(0), searchTimerPending(false) {}
+      transport(nullptr), error(0), portPath(), portDepth(0), searchTimerPending(false),
+      failureHandedOver(false) {}
 
 KestoConnectionAAP::~KestoConnectionAAP() {
     // First, so the completions that the transport's teardown delivers start nothing.
@@ -800,9 +801,18 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
         *length = 0;
         return error != 0 ? error : KestoBearerErrorFailed;
     }
-    // Bytes that arrived before a failure are still handed over; after them,
-    // the failure is.
+    // Bytes the phone sent before a failure are still handed over, those that
+    // libusb holds but no pass has collected included; after them, the
+    // failure is, and nothing more.
     uint32_t pending = transport->PeekReadLength();
+    if (state == kStateConnected && error != 0) {
+        if (pending == 0 && !failureHandedOver) {
+            transport->HandleEvents();
+            pending = transport->PeekReadLength();
+        }
+        failureHandedOver = failureHandedOver || pending == 0;
+        pending = failureHandedOver ? 0 : pending;
+    }
     if (pending == 0) {
         *length = 0;
         return error != 0 ? error : ResumeReads();
@@ -821,11 +831,11 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
 // Refills the idle read slots in the data phase only: before it, the
 // handshake owns the reads, and a data read would take the phone's first bytes.
 int KestoConnectionAAP::ResumeReads() {
-    if (state != kStateConnected) {
+    if (state != kStateConnected || error != 0) {
         return KestoBearerErrorNone;
     }
     int result = StartReads();
-    if (result != 0 && error == 0) {
+    if (result != 0) {
         Keep(result);
     }
     return result;

@@ -168,7 +168,8 @@ private:
     void EnterDataPhase();
     // Submits reads on every idle slot; 11 (logged) when closing or refused.
     int StartReads();
-    // In state 7 only: StartReads, keeping its failure unless one is stored.
+    // In state 7 with no error stored only (a failed link takes in nothing
+    // new): StartReads, keeping its failure.
     int ResumeReads();
     // Sets the Connected status once, in state 7.
     void ReportConnected();
@@ -197,4 +198,7 @@ private:
     std::vector<uint16_t> accessoriesBeforeSwitch;
     // A search tick has been asked of the toolkit and has not come yet.
     bool searchTimerPending;
+    // Read has handed the data phase's failure to the toolkit: it hands over
+    // no byte after that.
+    bool failureHandedOver;
 };

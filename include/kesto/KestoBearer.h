@@ -94,7 +94,9 @@ typedef void (*KestoConnectionDestroyFn)(void* connection);
  * out the bytes delivered. Returns 0 with the bytes (0 bytes when nothing waits); 19 with the
  * block's remaining size when it does not fit (nothing taken: call again with that much room); or,
  * once nothing is left to deliver, the stored error. Bytes delivered are never taken back: a
- * failure found after the copy is reported by the next connectionGetActivity. */
+ * failure found after the copy is reported by the next connectionGetActivity. After a failure in
+ * the stream, everything the phone sent before it is still delivered, then the error, and from
+ * then on nothing but the error. */
 typedef int (*KestoConnectionReadFn)(void* connection, uint8_t* buffer, uint32_t* length);
 /* Returns 0 with *length unchanged when all bytes were taken (the bearer keeps its own copy, so the
  * buffer may be reused at once); 0 with *length set to 0 when nothing was taken (a write is in

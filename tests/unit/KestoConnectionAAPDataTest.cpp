@@ -113,12 +113,17 @@ TEST_F(AccessoryConnection, RefusedSubmissionsAreReportedByTheNextGetActivity) {
         PhoneSends(Text("kept"));
         Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
         if (reading) {
+            ASSERT_TRUE(Transfers::CompleteOldest(kIn, kCompleted, Text("held"))); // no pass has collected it
             const Toolkit::Transfer read = toolkit.Read(connection, 64);
             EXPECT_EQ(KestoBearerErrorNone, read.result);
             EXPECT_EQ(Text("kept"), read.bytes);
             EXPECT_EQ("Failed to submit libusb transfer for read", connection.Log().back());
-            Failures::Fail(Function::SubmitTransfer, LIBUSB_ERROR_NO_DEVICE);
-            const Toolkit::Transfer empty = toolkit.Read(connection, 64); // nothing left: only the refusal
+            // What the phone sent before the failure comes first, then the failure, then nothing.
+            EXPECT_EQ(Text("held"), toolkit.Read(connection, 64).bytes);
+            EXPECT_EQ(KestoBearerErrorFailed, toolkit.Read(connection, 64).result);
+            ASSERT_TRUE(Transfers::CompleteOldest(kIn, kCompleted, Text("late")));
+            EXPECT_EQ(KestoBearerErrorFailed, toolkit.Interface().connectionTimerExpired(connection.Handle()));
+            const Toolkit::Transfer empty = toolkit.Read(connection, 64);
             EXPECT_EQ(KestoBearerErrorFailed, empty.result);
             EXPECT_EQ(0u, empty.length);
         } else {
