@@ -805,7 +805,7 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
     // libusb holds but no pass has collected included; after them, the
     // failure is, and nothing more.
     uint32_t pending = transport->PeekReadLength();
-    if (state == kStateConnected && error != 0) {
+    if (error != 0 && state != kStateRediscover) {
         if (pending == 0 && !failureHandedOver) {
             transport->HandleEvents();
             pending = transport->PeekReadLength();

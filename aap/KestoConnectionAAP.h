@@ -198,7 +198,7 @@ private:
     std::vector<uint16_t> accessoriesBeforeSwitch;
     // A search tick has been asked of the toolkit and has not come yet.
     bool searchTimerPending;
-    // Read has handed the data phase's failure to the toolkit: it hands over
-    // no byte after that.
+    // Read has handed a failure that stays to the toolkit: it hands over no
+    // byte after that.
     bool failureHandedOver;
 };

@@ -128,6 +128,8 @@ void FuzzToolkit::Read(uint32_t capacity) {
     }
     Check(failure == 0 || code == 19 || (code == 0 && got.length > 0) || code == failure,
           "after a failure, a read delivers what is left, then the error");
+    Check(!failureRead || code == failure, "once a read has returned the failure, it delivers nothing more");
+    failureRead = failureRead || (failure != 0 && code == failure);
 }
 
 // The stand-in overwrites its buffer after the call: the plug-in must have copied it.

@@ -40,6 +40,7 @@ private:
     const int lowestFreeDescriptor;
     bool establishCalled = false;
     int failure = 0; // the error the connection reports for good, 0 while none
+    bool failureRead = false; // a read has returned it
     int eventHandle = -1;
     // GetActivity calls in a row with the phone still and nothing for libusb to do.
     int idleCalls = 0;
