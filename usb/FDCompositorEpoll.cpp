@@ -18,7 +18,7 @@ constexpr uint32_t kInterest = EPOLLIN | EPOLLOUT | EPOLLPRI;
 } // namespace
 
 FDCompositorEpoll::FDCompositorEpoll(LibUSBBearerConnection* owner)
-    : FDCompositor(owner), epollFd(-1), noticeFd(-1), completed(false) {}
+    : FDCompositor(owner), epollFd(-1), noticeFd(-1), noticed(false), completed(false) {}
 
 FDCompositorEpoll::~FDCompositorEpoll() {
     for (int fd : {epollFd, noticeFd}) {
@@ -41,10 +41,9 @@ int FDCompositorEpoll::Start() {
 }
 
 void FDCompositorEpoll::Notify() {
-    if (noticeFd != -1) {
+    if (noticeFd != -1 && !noticed) {
         const uint64_t one = 1;
-        const ssize_t written = write(noticeFd, &one, sizeof one);
-        static_cast<void>(written); // fails only with the counter full, and readable already
+        noticed = write(noticeFd, &one, sizeof one) == sizeof one;
     }
 }
 
@@ -147,10 +146,9 @@ int FDCompositorEpoll::RemoveFd(int fd) {
 // still come from passes after libusb has polled, and a toolkit woken by a
 // hang-up alone meets a pass without completions, where the look is taken.
 void FDCompositorEpoll::Rearm() {
-    if (noticeFd != -1) {
+    if (noticed) {
         uint64_t notices = 0;
-        const ssize_t taken = read(noticeFd, &notices, sizeof notices);
-        static_cast<void>(taken); // fails only when nothing was noticed
+        noticed = read(noticeFd, &notices, sizeof notices) != sizeof notices;
     }
     bool worked = completed;
     completed = false;

@@ -46,6 +46,7 @@ private:
     std::vector<Member> members;
     int epollFd;
     int noticeFd; // readable from Notify until Rearm
+    bool noticed; // noticeFd is readable: Rearm takes its count
     // A transfer completed since the last Rearm.
     bool completed;
 };
