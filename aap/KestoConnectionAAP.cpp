@@ -801,12 +801,12 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
         *length = 0;
         return error != 0 ? error : KestoBearerErrorFailed;
     }
-    // Bytes the phone sent before a failure are still handed over, those that
-    // libusb holds but no pass has collected included; after them, the
-    // failure is, and nothing more.
+    // Bytes the phone sent before a failure are still handed over, in the
+    // data phase those that libusb holds but no pass has collected included;
+    // after them, the failure is, and nothing more.
     uint32_t pending = transport->PeekReadLength();
     if (error != 0 && state != kStateRediscover) {
-        if (pending == 0 && !failureHandedOver) {
+        if (pending == 0 && !failureHandedOver && state == kStateConnected) {
             transport->HandleEvents();
             pending = transport->PeekReadLength();
         }
