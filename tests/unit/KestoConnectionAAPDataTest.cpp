@@ -198,6 +198,9 @@ TEST_F(AccessoryConnection, BytesTakenInByATimerStillWakeTheToolkit) {
     toolkit.Interface().connectionGetEventHandle(connection.Handle(), &handle, nullptr);
     pollfd ready{handle, POLLIN, 0};
     EXPECT_EQ(1, poll(&ready, 1, 100)) << "the phone's bytes wait and the handle is quiet";
+    // A second call before the toolkit looks takes in nothing and must not quiet it.
+    EXPECT_EQ(0, toolkit.Interface().connectionTimerExpired(connection.Handle()));
+    EXPECT_EQ(1, poll(&ready, 1, 100)) << "a second timer call quieted the handle";
 }
 
 TEST_F(AccessoryConnection, TransportAndMediumAreUsb) {
