@@ -24,7 +24,7 @@ constexpr long kDrainWaitUs = 10000;
 LibUSBBearerConnection::LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer)
     : debugLevel(debugLevel), observer(observer), compositor(nullptr), context(nullptr), device(nullptr),
       handle(nullptr), readEndpoint(0), writeEndpoint(0), writePacketSize(0), zeroPacketFlagRefused(false),
-      zeroPacketDue(false), closing(false), completedInPass(false), controlInFlight(false), writeInFlight(false) {}
+      zeroPacketDue(false), closing(false), completedInPass(false), newsWaiting(false), controlInFlight(false), writeInFlight(false) {}
 
 LibUSBBearerConnection::~LibUSBBearerConnection() {
     Close();
@@ -236,7 +236,9 @@ void LibUSBBearerConnection::HandleEvents(bool announced) {
     completedInPass = false;
     compositor->ProcessEvents();
     compositor->Rearm();
-    if (announced && completedInPass) {
+    // What a timer's pass took in stays news until a pass of the toolkit's own.
+    newsWaiting = announced && (newsWaiting || completedInPass);
+    if (newsWaiting) {
         compositor->Notify();
     }
 }

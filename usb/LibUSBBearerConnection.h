@@ -67,8 +67,9 @@ public:
     // Lets libusb deliver what is pending without blocking (the observer's
     // completion calls come from inside), then rearms the event handle. A
     // toolkit learns of news only from the handle, so a pass it made for
-    // another reason (its timer) is `announced`: if it completed a transfer,
-    // the handle is left readable for the toolkit to come and ask.
+    // another reason (its timer) is `announced`: once such a pass has
+    // completed a transfer, the handle is left readable after every
+    // announced pass until one that is not (the toolkit's own GetActivity).
     void HandleEvents(bool announced = false);
     // Runs libusb's event handling, waiting up to `microseconds` for work
     // (0: not at all); completions reach their callbacks inside. A signal
@@ -158,6 +159,8 @@ private:
     bool closing;
     // A transfer completed in the current HandleEvents pass.
     bool completedInPass;
+    // An announced pass took in news the toolkit has not come for yet.
+    bool newsWaiting;
     TransferSlot controlSlot;
     bool controlInFlight;
     TransferSlot writeSlot;
