@@ -810,8 +810,11 @@ int KestoConnectionAAP::Read(uint8_t* buffer, uint32_t* length) {
             transport->HandleEvents();
             pending = transport->PeekReadLength();
         }
-        failureHandedOver = failureHandedOver || pending == 0;
-        pending = failureHandedOver ? 0 : pending;
+        if (pending == 0 || failureHandedOver) {
+            failureHandedOver = true;
+            *length = 0;
+            return error;
+        }
     }
     if (pending == 0) {
         *length = 0;

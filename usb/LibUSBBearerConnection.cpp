@@ -24,7 +24,8 @@ constexpr long kDrainWaitUs = 10000;
 LibUSBBearerConnection::LibUSBBearerConnection(uint32_t debugLevel, LibUSBBearerObserver* observer)
     : debugLevel(debugLevel), observer(observer), compositor(nullptr), context(nullptr), device(nullptr),
       handle(nullptr), readEndpoint(0), writeEndpoint(0), writePacketSize(0), zeroPacketFlagRefused(false),
-      zeroPacketDue(false), closing(false), completedInPass(false), newsWaiting(false), controlInFlight(false), writeInFlight(false) {}
+      zeroPacketDue(false), closing(false), completedInPass(false), newsWaiting(false), controlInFlight(false),
+      writeInFlight(false) {}
 
 LibUSBBearerConnection::~LibUSBBearerConnection() {
     Close();
